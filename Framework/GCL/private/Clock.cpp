@@ -1,0 +1,35 @@
+// No <thread>, <condition_variable> or <chrono> here: this file is compiled with another time_t
+// than the rest of the library, and inline functions of theirs must not be mixed.
+#include "Framework/GCL/private/Clock.h"
+
+#include <ctime>
+
+namespace {
+
+static_assert(sizeof(time_t) == 8, "this file needs a 64-bit time_t: _TIME_BITS=64");
+
+constexpr int64_t kNsPerSecond = 1'000'000'000;
+
+} // namespace
+
+namespace gcl {
+
+int64_t wallClockNs()
+{
+    timespec now{};
+    // It cannot fail: the clock exists and the address is valid.
+    static_cast<void>(clock_gettime(CLOCK_REALTIME, &now));
+    return now.tv_sec * kNsPerSecond + now.tv_nsec;
+}
+
+void waitUntilNs(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t dueNs)
+{
+    timespec due{};
+    due.tv_sec = dueNs / kNsPerSecond;
+    due.tv_nsec = static_cast<decltype(due.tv_nsec)>(dueNs % kNsPerSecond);
+    // Time-out, wake-up and refusal of a time before the epoch are all the same to the callers,
+    // who look at the clock and at their state anyway.
+    static_cast<void>(pthread_cond_timedwait(condition, mutex, &due));
+}
+
+} // namespace gcl

@@ -1,0 +1,35 @@
+# What the project's own targets are compiled and linked with.
+find_package(Threads REQUIRED)
+
+# Every target: the language and the warnings.
+add_library(kivgcl_options INTERFACE)
+target_compile_features(kivgcl_options INTERFACE cxx_std_17 c_std_99)
+target_compile_options(kivgcl_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2 -Wno-format-nonliteral
+  $<$<BOOL:${KIVGCL_WARNINGS_AS_ERRORS}>:-Werror>
+)
+
+# The shipped libraries. They are position-independent, export what their version script names and
+# nothing else, and call their own functions directly. Their data stays preemptible: a program that
+# writes GCL_trace reaches the object that the library reads.
+function(kivgcl_shared_library target map)
+  set_target_properties(${target} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/${map}
+  )
+  target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:kivgcl_options> Threads::Threads)
+  target_compile_options(${target} PRIVATE
+    -fno-semantic-interposition
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+  )
+  target_link_options(${target} PRIVATE
+    -Wl,--version-script=${PROJECT_SOURCE_DIR}/${map}
+    -Wl,-Bsymbolic-functions
+    -Wl,-z,relro,-z,now,-z,noexecstack
+    -Wl,--as-needed
+  )
+endfunction()

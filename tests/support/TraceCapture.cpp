@@ -1,0 +1,279 @@
+#include "tests/support/TraceCapture.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "Framework/VT/VT.h"
+#include "Framework/VT/VorTrace.h"
+
+namespace gcltest {
+
+// A lock of its own, so that tests which fail the mutex calls leave the recorder alone.
+class SpinLock {
+public:
+    void lock()
+    {
+        while (held.test_and_set(std::memory_order_acquire)) {
+            std::this_thread::yield();
+        }
+    }
+    void unlock() { held.clear(std::memory_order_release); }
+
+private:
+    std::atomic_flag held = ATOMIC_FLAG_INIT;
+};
+
+namespace {
+
+// Never destroyed: the library's own trace object is older than this program's objects and outlives
+// them.
+struct Recorder {
+    SpinLock mutex;
+    std::vector<Report> reports;
+    std::vector<int> lines;
+    std::vector<int> takenLines;
+    std::vector<std::string> calls;
+    std::map<std::string, std::atomic<int>> levels;
+};
+
+Recorder& recorder()
+{
+    static Recorder* const instance = new Recorder;
+    return *instance;
+}
+
+// The message that the thread has open.
+struct OpenMessage {
+    bool open = false;
+    Report report;
+    int line = 0;
+};
+thread_local OpenMessage openMessage;
+
+std::atomic<bool> withoutImpl{false};
+
+void noteCall(const std::string& call)
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    recorder().calls.push_back(call);
+}
+
+void openReport(const std::string& channel, int level, const VorTraceHeader& header)
+{
+    openMessage.open = true;
+    openMessage.report = {channel, level, header.file, header.function, ""};
+    openMessage.line = header.line;
+    noteCall("begin " + channel + " " + std::to_string(level));
+}
+
+void append(const std::string& text)
+{
+    openMessage.report.text += openMessage.open ? text : "<text outside a message: " + text + ">";
+}
+
+void closeMessage(const std::string& channel)
+{
+    noteCall("end " + channel);
+    if (!openMessage.open) {
+        return;
+    }
+    openMessage.open = false;
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    recorder().reports.push_back(openMessage.report);
+    recorder().lines.push_back(openMessage.line);
+}
+
+// A stream buffer whose text goes into the open message; a flush ends the message.
+class MessageBuffer : public std::stringbuf {
+protected:
+    int sync() override
+    {
+        append(str());
+        str("");
+        closeMessage(openMessage.report.channel);
+        return 0;
+    }
+};
+
+class DiscardBuffer : public std::streambuf {
+protected:
+    int overflow(int character) override { return character == EOF ? 0 : character; }
+};
+
+struct ThreadStreams {
+    MessageBuffer messageBuffer;
+    DiscardBuffer discardBuffer;
+    std::ostream message{&messageBuffer};
+    std::ostream discard{&discardBuffer};
+};
+
+ThreadStreams& threadStreams()
+{
+    static thread_local ThreadStreams streams;
+    return streams;
+}
+
+int levelOfCode(uint32_t code)
+{
+    struct Band {
+        uint32_t first;
+        int level;
+    };
+    static const Band bands[] = {{0x8000, 1}, {0x1000, 2}, {0x900, 3}, {0x840, 7},
+                                 {0x820, 6},  {0x800, 5},  {0x100, 4}, {0, 5}};
+    for (const Band& band : bands) {
+        if (code >= band.first) {
+            return band.level;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+bool Report::operator==(const Report& other) const
+{
+    return channel == other.channel && level == other.level && file == other.file &&
+           function == other.function && text == other.text;
+}
+
+std::ostream& operator<<(std::ostream& out, const Report& report)
+{
+    return out << report.channel << ' ' << report.level << ' ' << report.file << ' '
+               << report.function << ": \"" << report.text << '"';
+}
+
+std::vector<Report> takeReports()
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    recorder().takenLines.swap(recorder().lines);
+    recorder().lines.clear();
+    std::vector<Report> taken;
+    taken.swap(recorder().reports);
+    return taken;
+}
+
+std::vector<std::string> takeCalls()
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    std::vector<std::string> taken;
+    taken.swap(recorder().calls);
+    return taken;
+}
+
+std::vector<int> takenLines()
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    return recorder().takenLines;
+}
+
+Report gclReport(const std::string& module, const std::string& function, const std::string& text,
+                 uint32_t code)
+{
+    char codeLine[40];
+    std::snprintf(codeLine, sizeof codeLine, "      code: 0x%lx\n",
+                  static_cast<unsigned long>(code));
+    return {"KIV.GCL", levelOfCode(code), "Framework/GCL/private/" + module, function,
+            text + codeLine};
+}
+
+void setTraceLevel(const std::string& name, int level)
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    recorder().levels[name] = level;
+}
+
+void buildTracesWithoutImpl(bool without)
+{
+    withoutImpl = without;
+}
+
+} // namespace gcltest
+
+using gcltest::recorder;
+
+int32_t VT_beginImpl(TraceChannel* channel, int32_t level, const VorTraceHeader* header)
+{
+    gcltest::openReport(channel->name, level, *header);
+    return 0;
+}
+
+int32_t VT_rawprintf(TraceChannel*, const char* format, ...)
+{
+    gcltest::noteCall(std::string("printf ") + format);
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    gcltest::append(text);
+    return 0;
+}
+
+int32_t VT_endImpl(TraceChannel* channel)
+{
+    gcltest::closeMessage(channel->name);
+    return 0;
+}
+
+class VorTrace::Impl {
+public:
+    std::string name;
+    std::atomic<int>* level;
+};
+
+VorTrace::VorTrace(const char* name, VorTraceLevel level) : impl(nullptr)
+{
+    if (gcltest::withoutImpl) {
+        return;
+    }
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    const auto entry = recorder().levels.try_emplace(name, level).first;
+    impl = new Impl{name, &entry->second};
+}
+
+VorTrace::~VorTrace()
+{
+    delete impl;
+}
+
+void VorTrace::beginLogMsg(VorTraceLevel level, const VorTraceHeader& header)
+{
+    gcltest::openReport(impl->name, level, header);
+}
+
+void VorTrace::logMsgData(const char* data, unsigned length)
+{
+    gcltest::noteCall("data " + std::string(data, length));
+    gcltest::append(std::string(data, length));
+}
+
+void VorTrace::endLogMsg()
+{
+    gcltest::closeMessage(impl->name);
+}
+
+bool VorTrace::hasImpl() const
+{
+    return impl != nullptr;
+}
+
+int VorTrace::level() const
+{
+    return impl == nullptr ? 0 : impl->level->load();
+}
+
+std::ostream& VorTrace::stream()
+{
+    return gcltest::threadStreams().message;
+}
+
+std::ostream& VorTrace::discardStream()
+{
+    return gcltest::threadStreams().discard;
+}
