@@ -15,8 +15,8 @@
 #include "tests/support/TraceCapture.h"
 
 using gcltest::Count;
-using gcltest::Fault;
 using gcltest::Failure;
+using gcltest::Fault;
 using gcltest::gclReport;
 using gcltest::Report;
 using gcltest::takeReports;
@@ -447,8 +447,8 @@ TEST(CListGetNext, ClearsTheItemAndReportsANullList)
     EXPECT_EQ(CList_GetNext(nullptr, &item, &position), 0x8008u);
     EXPECT_EQ(item, 0u);
     EXPECT_EQ(position, &node);
-    EXPECT_EQ(takeReports(), (std::vector<Report>{
-                                 gclReport("CList", "CList_GetNext", "pThis is NULL!", 0x8008)}));
+    EXPECT_EQ(takeReports(),
+              (std::vector<Report>{gclReport("CList", "CList_GetNext", "pThis is NULL!", 0x8008)}));
 }
 
 TEST(CListGetNext, RefusesANullPositionSilentlyWithTheItemCleared)
@@ -534,11 +534,10 @@ TEST(CListInsertAt, ClosesARingAtIndexZeroThatRemoveRefuses)
     expectSilence();
     for (const unsigned long item : {4ul, 5ul, 6ul, 99ul}) {
         EXPECT_EQ(CList_Remove(&list, item), 0x8008u);
-        EXPECT_EQ(
-            takeReports(),
-            (std::vector<Report>{gclReport(
-                "CList", "CList_Remove",
-                "CList_Remove: invalid argument. A cycle was detected in pThis! ", 0x8008)}));
+        EXPECT_EQ(takeReports(),
+                  (std::vector<Report>{gclReport(
+                      "CList", "CList_Remove",
+                      "CList_Remove: invalid argument. A cycle was detected in pThis! ", 0x8008)}));
     }
     EXPECT_EQ(list->uiSize, 4u);
     EXPECT_EQ(head->pNext, added);
@@ -893,8 +892,7 @@ TEST(CListModel, AgreesWithADequeOverRandomOperations)
             break;
         case 4: {
             const auto end = std::remove(model.begin(), model.end(), item);
-            EXPECT_EQ(CList_Remove(&list, item),
-                      end == model.end() ? GCL_ITEM_NOT_FOUND : GCL_OK);
+            EXPECT_EQ(CList_Remove(&list, item), end == model.end() ? GCL_ITEM_NOT_FOUND : GCL_OK);
             model.erase(end, model.end());
             break;
         }

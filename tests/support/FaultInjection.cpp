@@ -19,7 +19,10 @@ Call<void(int, const char*)> syslog("syslog");
 #define GCLTEST_INTERPOSE(name, symbol, result, parameters, arguments)                             \
     extern "C" __attribute__((visibility("default"), used))                                        \
     result interposed_##name parameters __asm__(GCLTEST_STRING_OF(symbol));                        \
-    extern "C" result interposed_##name parameters { return gcltest::calls::name arguments; }
+    extern "C" result interposed_##name parameters                                                 \
+    {                                                                                              \
+        return gcltest::calls::name arguments;                                                     \
+    }
 GCLTEST_CALLS(GCLTEST_INTERPOSE)
 
 namespace {

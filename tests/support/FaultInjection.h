@@ -7,8 +7,8 @@
 //     Hook hook(calls::recv, [](int, void*, size_t, int) -> ssize_t { return 0; });
 //
 // Each holds from its construction to its destruction, one at a time for each function, and for the
-// calls of the thread that made it unless Threads::all is given. Calls made from inside a hook's own
-// function go to the C library, and so does `calls::name.real(...)`.
+// calls of the thread that made it unless Threads::all is given. Calls made from inside a hook's
+// own function go to the C library, and so does `calls::name.real(...)`.
 #ifndef TESTS_SUPPORT_FAULTINJECTION_H
 #define TESTS_SUPPORT_FAULTINJECTION_H
 
@@ -84,7 +84,9 @@ class Hook<Result(Arguments...)> {
 public:
     Hook(Call<Result(Arguments...)>& hookedCall, std::function<Result(Arguments...)> hookBody,
          Threads coveredThreads = Threads::caller)
-        : call(hookedCall), body(std::move(hookBody)), threads(coveredThreads),
+        : call(hookedCall),
+          body(std::move(hookBody)),
+          threads(coveredThreads),
           owner(pthread_self())
     {
         if (call.hook.exchange(this) != nullptr) {
@@ -146,7 +148,8 @@ class Fault<Result(Arguments...)> {
 public:
     Fault(Call<Result(Arguments...)>& failingCall, Failure failureToMake,
           Threads threads = Threads::caller)
-        : call(failingCall), failure(failureToMake),
+        : call(failingCall),
+          failure(failureToMake),
           hook(
               failingCall, [this](Arguments... arguments) -> Result { return run(arguments...); },
               threads)
@@ -243,7 +246,8 @@ using Timespec64 = timespec;
     F(pthread_mutex_unlock, pthread_mutex_unlock, int, (pthread_mutex_t * mutex), (mutex))         \
     F(pthread_mutex_destroy, pthread_mutex_destroy, int, (pthread_mutex_t * mutex), (mutex))       \
     F(pthread_create, pthread_create, int,                                                         \
-      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument), \
+      (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),                 \
+       void* argument),                                                                            \
       (thread, attributes, body, argument))                                                        \
     F(pthread_getschedparam, pthread_getschedparam, int,                                           \
       (pthread_t thread, int* policy, sched_param* parameters), (thread, policy, parameters))      \
@@ -254,10 +258,10 @@ using Timespec64 = timespec;
     F(prctl, prctl, int,                                                                           \
       (int option, unsigned long a, unsigned long b, unsigned long c, unsigned long d),            \
       (option, a, b, c, d))                                                                        \
-    F(clock_gettime64, GCLTEST_CLOCK_GETTIME, int, (clockid_t clock, gcltest::Timespec64 * time),           \
+    F(clock_gettime64, GCLTEST_CLOCK_GETTIME, int, (clockid_t clock, gcltest::Timespec64 * time),  \
       (clock, time))                                                                               \
     F(pthread_cond_timedwait64, GCLTEST_COND_TIMEDWAIT, int,                                       \
-      (pthread_cond_t * condition, pthread_mutex_t * mutex, const gcltest::Timespec64* time),               \
+      (pthread_cond_t * condition, pthread_mutex_t * mutex, const gcltest::Timespec64* time),      \
       (condition, mutex, time))                                                                    \
     F(nanosleep, nanosleep, int, (const timespec* request, timespec* remainder),                   \
       (request, remainder))                                                                        \

@@ -52,6 +52,7 @@ struct OpenMessage {
     bool open = false;
     Report report;
     int line = 0;
+    const void* headerAddress = nullptr;
 };
 thread_local OpenMessage openMessage;
 
@@ -68,6 +69,7 @@ void openReport(const std::string& channel, int level, const VorTraceHeader& hea
     openMessage.open = true;
     openMessage.report = {channel, level, header.file, header.function, ""};
     openMessage.line = header.line;
+    openMessage.headerAddress = &header;
     noteCall("begin " + channel + " " + std::to_string(level));
 }
 
@@ -170,6 +172,11 @@ std::vector<int> takenLines()
 {
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
     return recorder().takenLines;
+}
+
+const void* lastHeaderAddress()
+{
+    return openMessage.headerAddress;
 }
 
 Report gclReport(const std::string& module, const std::string& function, const std::string& text,

@@ -32,6 +32,9 @@ std::vector<std::string> takeCalls();
 // The lines of the header records of the messages that the last takeReports returned.
 std::vector<int> takenLines();
 
+// Where the header record lay that the calling thread's last message was opened with.
+const void* lastHeaderAddress();
+
 // A message of the plain-structure module `module` as it must look: the text, then the code, on
 // KIV.GCL, at the level that belongs to the code's magnitude.
 Report gclReport(const std::string& module, const std::string& function, const std::string& text,
