@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 set(KIVGCL_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/KivGCL)
 set(KIVGCL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KivGCL)
 
-install(TARGETS KivGCL
+install(TARGETS KivGCL VorTrace
   EXPORT KivGCLTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   FILE_SET HEADERS DESTINATION ${KIVGCL_INSTALL_INCLUDEDIR}
@@ -28,7 +28,7 @@ install(FILES
 
 # pkg-config finds the prefix from the place of its own file, as deep as the library folder is.
 string(REGEX REPLACE "[^/]+" ".." KIVGCL_PREFIX_FROM_LIBDIR ${CMAKE_INSTALL_LIBDIR})
-foreach(package KivGCL)
+foreach(package KivGCL VorTrace)
   configure_file(cmake/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${package}.pc
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -44,10 +44,10 @@ protected:
     std::vector<Entry> entries;
 
 private:
-    gcltest::Hook<void(int, const char*)> hook{
-        calls::syslog, [this](int priority, const char* text) {
-            entries.push_back({priority, text});
-        }};
+    gcltest::Hook<void(int, const char*)> hook{calls::syslog,
+                                               [this](int priority, const char* text) {
+                                                   entries.push_back({priority, text});
+                                               }};
 };
 
 } // namespace
@@ -70,10 +70,11 @@ TEST_F(CSysLogHandlerLog, FiltersByTheInitialLevelAndSetsThePriorityByBand)
         uint32_t code;
         int priority; // -1: dropped
     };
-    const Row rows[] = {{0xFFFFFFFF, LOG_ERR}, {0x8000, LOG_ERR},  {0x7FFF, LOG_WARNING},
-                        {0x1000, LOG_WARNING}, {0xFFF, LOG_NOTICE}, {0x900, LOG_NOTICE},
-                        {0x8FF, -1},           {0x840, -1},        {0x100, -1},
-                        {0, -1}};
+    const Row rows[] = {{0xFFFFFFFF, LOG_ERR}, {0x8000, LOG_ERR},
+                        {0x7FFF, LOG_WARNING}, {0x1000, LOG_WARNING},
+                        {0xFFF, LOG_NOTICE},   {0x900, LOG_NOTICE},
+                        {0x8FF, -1},           {0x840, -1},
+                        {0x100, -1},           {0, -1}};
     for (const Row& row : rows) {
         const std::vector<Entry> written = log(row.code);
         ASSERT_EQ(written.size(), row.priority < 0 ? 0u : 1u) << std::hex << row.code;

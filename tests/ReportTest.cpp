@@ -56,11 +56,10 @@ TEST(CHyxTraceHandlerDmLevel2VtLevel, MapsEveryBandAtBothEnds)
         uint32_t code;
         int32_t level;
     };
-    const Row rows[] = {
-        {0, 5},          {0xFF, 5},       {0x100, 4},     {0x7FF, 4},      {0x800, 5},
-        {0x81F, 5},      {0x820, 6},      {0x83F, 6},     {0x840, 7},      {0x8FF, 7},
-        {0x900, 3},      {0xFFF, 3},      {0x1000, 2},    {0x7FFF, 2},     {0x8000, 1},
-        {0x7FFFFFFF, 1}, {0x80000000, 1}, {0xFFFFFFFF, 1}};
+    const Row rows[] = {{0, 5},          {0xFF, 5},       {0x100, 4},     {0x7FF, 4},  {0x800, 5},
+                        {0x81F, 5},      {0x820, 6},      {0x83F, 6},     {0x840, 7},  {0x8FF, 7},
+                        {0x900, 3},      {0xFFF, 3},      {0x1000, 2},    {0x7FFF, 2}, {0x8000, 1},
+                        {0x7FFFFFFF, 1}, {0x80000000, 1}, {0xFFFFFFFF, 1}};
     for (const Row& row : rows) {
         EXPECT_EQ(CHyxTraceHandler_DmLevel2VtLevel(row.code), row.level)
             << "code " << std::hex << row.code;
@@ -71,12 +70,10 @@ TEST_F(ReportStep, WritesTheMessageThenTheCodeAndYieldsTheCode)
 {
     takeCalls();
     EXPECT_EQ(reportCode(0x8010), 0x8010u);
-    EXPECT_EQ(takeReports(),
-              (std::vector<Report>{{"KIV.GCL", 1, "Framework/GCL/private/Sample", "reportCode",
-                                    "level 1      code: 0x8010\n"}}));
-    EXPECT_EQ(takeCalls(),
-              (std::vector<std::string>{"begin KIV.GCL 1", "printf level %d",
-                                        "printf       code: %#lx\n", "end KIV.GCL"}));
+    EXPECT_EQ(takeReports(), (std::vector<Report>{{"KIV.GCL", 1, "Framework/GCL/private/Sample",
+                                                   "reportCode", "level 1      code: 0x8010\n"}}));
+    EXPECT_EQ(takeCalls(), (std::vector<std::string>{"begin KIV.GCL 1", "printf level %d",
+                                                     "printf       code: %#lx\n", "end KIV.GCL"}));
 }
 
 TEST_F(ReportStep, WritesTheCodeZeroWithoutAPrefix)

@@ -10,12 +10,12 @@ namespace {
 
 // In the order of declaration.
 const char* const kNames[] = {
-    "CAPH",    "RCCH", "RAUH",  "STATE", "DPDH", "BIH", "I2CIDT", "CPRIH", "CPRI",  "KIH",
-    "DSP",     "BCM",  "DSPC",  "ATPC",  "INTH", "TEST", "TS",    "TH",    "RSSI",  "OPH",
-    "LH",      "IH",   "HCCDH", "HCC",   "HCH",  "FH",  "FPGA",   "CH",    "AP",    "AH",
-    "AIRIF",   "XMLRPC", "IM",  "GNM",   "GCL",  "AF",  "DRIVER", "PD",    "FL",    "DS",
-    "DMU",     "DM",   "SPC",   "OPC",   "DC",   "FSC", "FC",     "DPD",   "CHANNEL", "BC",
-    "TI",      "CCDP", "RXPC",  "RXPH",  "XPICH", "XPICC", "XPIC", "PT"};
+    "CAPH",  "RCCH",   "RAUH",  "STATE", "DPDH",  "BIH",   "I2CIDT", "CPRIH", "CPRI",    "KIH",
+    "DSP",   "BCM",    "DSPC",  "ATPC",  "INTH",  "TEST",  "TS",     "TH",    "RSSI",    "OPH",
+    "LH",    "IH",     "HCCDH", "HCC",   "HCH",   "FH",    "FPGA",   "CH",    "AP",      "AH",
+    "AIRIF", "XMLRPC", "IM",    "GNM",   "GCL",   "AF",    "DRIVER", "PD",    "FL",      "DS",
+    "DMU",   "DM",     "SPC",   "OPC",   "DC",    "FSC",   "FC",     "DPD",   "CHANNEL", "BC",
+    "TI",    "CCDP",   "RXPC",  "RXPH",  "XPICH", "XPICC", "XPIC",   "PT"};
 
 std::string channelName(const std::string& name)
 {

@@ -39,7 +39,7 @@ c_expectations='[0xA, 0xFF] KIV.GCL CList_GetNext: 0x8008'
 cxx_expectations='[1] KIV.CONSUMER main: KIV.GCL'
 
 cmake -S "$source/tests/package/consumer" -B "$work/consumer" -G Ninja \
-    -DCMAKE_PREFIX_PATH="$tree" -DCMAKE_FIND_ROOT_PATH="$tree" \
+    -DCMAKE_PREFIX_PATH="$tree" \
     -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
     ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} >>"$work/log" || {
     cat "$work/log"

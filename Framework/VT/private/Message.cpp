@@ -1,0 +1,182 @@
+#include "Framework/VT/private/Message.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "Framework/VT/private/Memory.h"
+#include "Framework/VT/private/Output.h"
+#include "Framework/VT/private/ThreadEnd.h"
+#include "Framework/VT/private/TimeStamp.h"
+
+namespace {
+
+// A line: a newline in front (see emitLine), the text, room for a newline behind it. What does not
+// fit into the part of it that every thread has moves to the heap until the line is emitted.
+// All zeros is the initial state, so that no code runs for it when a thread starts or ends.
+class Line {
+public:
+    void clear()
+    {
+        delete[] heap;
+        heap = nullptr;
+        inlinePart[0] = '\n';
+        size = 1;
+        capacity = sizeof inlinePart;
+    }
+
+    char* data() { return heap != nullptr ? heap : inlinePart; }
+    size_t length() const { return size; }
+
+    void append(const char* text, size_t length)
+    {
+        static_cast<void>(makeRoom(length));
+        const size_t fitting = std::min(length, room());
+        std::memcpy(data() + size, text, fitting);
+        size += fitting;
+    }
+
+    // False, with nothing appended, if the text cannot be formatted.
+    bool appendFormatted(const char* format, va_list arguments)
+    {
+        va_list again;
+        va_copy(again, arguments);
+        const int formatted = vsnprintf(data() + size, room() + 1, format, arguments);
+        if (formatted > 0) {
+            const auto length = static_cast<size_t>(formatted);
+            // Without more room the text stands there already, cut.
+            if (length > room() && makeRoom(length)) {
+                static_cast<void>(vsnprintf(data() + size, room() + 1, format, again));
+            }
+            size += std::min(length, room());
+        }
+        va_end(again);
+        return formatted >= 0;
+    }
+
+    // Makes one line of the text, which begins at `textStart`: a newline at its end goes, all
+    // others become blanks, the line's own follows.
+    void finish(size_t textStart)
+    {
+        char* const line = data();
+        if (size > textStart && line[size - 1] == '\n') {
+            --size;
+        }
+        std::replace(line + 1, line + size, '\n', ' ');
+        line[size++] = '\n';
+    }
+
+private:
+    // One byte stays free, for the terminating NUL of vsnprintf and for the newline.
+    size_t room() const { return capacity - size - 1; }
+
+    bool makeRoom(size_t length)
+    {
+        if (length <= room()) {
+            return true;
+        }
+        if (length > SIZE_MAX / 4 || size > SIZE_MAX / 4) {
+            return false;
+        }
+        const size_t enough = std::max(2 * capacity, size + length + 1);
+        char* const bigger = vt::newChars(enough);
+        if (bigger == nullptr) {
+            return false;
+        }
+        std::memcpy(bigger, data(), size);
+        delete[] heap;
+        heap = bigger;
+        capacity = enough;
+        return true;
+    }
+
+    size_t size;
+    size_t capacity;
+    char* heap;
+    char inlinePart[1024];
+};
+
+struct Message {
+    bool open;
+    int32_t level;
+    size_t textStart;
+    Line line;
+};
+
+thread_local Message message;
+
+// What a thread leaves open when it ends is emitted then.
+void onThreadEnd(void*)
+{
+    vt::completeMessage();
+}
+
+vt::ThreadEnd threadEnd(onThreadEnd);
+
+const char* orUnknown(const char* text)
+{
+    return text != nullptr ? text : "?";
+}
+
+__attribute__((format(printf, 1, 2))) void appendPrefix(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    static_cast<void>(message.line.appendFormatted(format, arguments));
+    va_end(arguments);
+}
+
+} // namespace
+
+namespace vt {
+
+void openMessage(const char* channelName, int32_t level, const VorTraceHeader* header)
+{
+    completeMessage();
+    threadEnd.arm();
+    message.open = true;
+    message.level = level;
+    message.line.clear();
+    char time[80];
+    formatTimeStamp(time, sizeof time);
+    const VorTraceHeader from = header != nullptr ? *header : VorTraceHeader{nullptr, 0, nullptr};
+    appendPrefix("%s %ld/%ld %s %ld %s:%ld %s: ", time, static_cast<long>(getpid()),
+                 syscall(SYS_gettid), orUnknown(channelName), static_cast<long>(level),
+                 orUnknown(from.file), static_cast<long>(from.line), orUnknown(from.function));
+    message.textStart = message.line.length();
+}
+
+void dropMessage()
+{
+    completeMessage();
+}
+
+void appendText(const char* text, size_t length)
+{
+    if (message.open) {
+        message.line.append(text, length);
+    }
+}
+
+void appendFormatted(const char* format, va_list arguments)
+{
+    if (message.open && !message.line.appendFormatted(format, arguments)) {
+        message.line.append(format, std::strlen(format));
+    }
+}
+
+void completeMessage()
+{
+    if (!message.open) {
+        return;
+    }
+    message.open = false;
+    message.line.finish(message.textStart);
+    emitLine(message.line.data(), message.line.length(), message.level);
+    message.line.clear();
+}
+
+} // namespace vt

@@ -1,0 +1,19 @@
+// The clocks of the trace sink. They stand in a file of their own, which is compiled with a 64-bit
+// time_t also on 32-bit processors, so that messages carry the right time after 2038-01-19.
+#ifndef VT_PRIVATE_TIMESTAMP_H
+#define VT_PRIVATE_TIMESTAMP_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vt {
+
+// Writes the time of CLOCK_REALTIME as UTC, such as "2026-11-21T01:20:33.123456Z".
+void formatTimeStamp(char* text, size_t size);
+
+// Milliseconds of CLOCK_MONOTONIC, for measuring how long something takes.
+int64_t monotonicMs();
+
+} // namespace vt
+
+#endif // VT_PRIVATE_TIMESTAMP_H
