@@ -47,9 +47,13 @@ template <typename... Arguments>
 // GCL_REPORT(code, format, arguments...) reports and yields the code. A suppressed report costs a
 // load, a compare and a branch. The arguments are evaluated only for an admitted report, and before
 // the framework is called, so that `errno` among them is still that of the failed call.
-#define GCL_REPORT(code, ...)                                                                      \
+#define GCL_REPORT(code, ...) GCL_REPORT_AS(__func__, code, __VA_ARGS__)
+
+// GCL_REPORT_AS(function, code, format, arguments...) does the same under another function's name,
+// a constant, for the steps of an operation that stand in functions of their own.
+#define GCL_REPORT_AS(function, code, ...)                                                         \
     __extension__({                                                                                \
-        static constexpr VorTraceHeader site = {kSource, __LINE__, __func__};                      \
+        static constexpr VorTraceHeader site = {kSource, __LINE__, function};                      \
         if (false) { /* lets the compiler check the format against its arguments */                \
             VT_rawprintf(&GCL_trace, __VA_ARGS__);                                                 \
         }                                                                                          \
