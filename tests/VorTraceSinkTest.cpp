@@ -454,6 +454,7 @@ TEST(VorTraceSinkThreads, AreKeptApartInAPipe)
 TEST(VorTraceSinkThreads, MaySetLevels)
 {
     EXPECT_EQ(errLinesOf("setLevelByThreads"), Lines{});
+    EXPECT_EQ(errLinesOf("setLevelInBetween"), Lines{});
 }
 
 TEST(VorTraceSinkThreads, MayForkWhileOthersReport)

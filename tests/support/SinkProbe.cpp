@@ -187,7 +187,11 @@ void nullPointers()
 #pragma GCC diagnostic pop
     VT_endImpl(&channel);
     VT_setLevel(nullptr, 0);
-    VT_setLevel("", 0);
+    VT_setLevel("", 0); // sets nothing for this one:
+    TraceChannel unnamed = {1, ""};
+    VT_beginImpl(&unnamed, 1, &kHeader);
+    VT_rawprintf(&unnamed, "empty name");
+    VT_endImpl(&unnamed);
     VorTrace trace(nullptr, VorTraceLevel3);
     trace.beginLogMsg(VorTraceLevel3, empty);
     trace.logMsgData(nullptr, 5);
@@ -439,6 +443,23 @@ void setLevelByThreads()
         VT_setLevel(name.c_str(), 7);
     }
     CHECK(arrays.calls() == 0);
+    CHECK(trace.level() == 7);
+}
+
+// Another thread sets the level of a name while this one makes room for its own: both mean one
+// setting, and the one that is not used is freed.
+void setLevelInBetween()
+{
+    VorTrace trace("KIV.RACE", VorTraceLevel3);
+    const Hook hook(calls::newScalar, [](size_t size) -> void* {
+        std::thread([] { VT_setLevel("KIV.RACE", 5); }).join();
+        return calls::newScalar.real(size);
+    });
+    VT_setLevel("KIV.RACE", 6);
+    CHECK(hook.calls() == 1);
+    CHECK(trace.level() == 6);
+    VT_setLevel("KIV.RACE", 7);
+    CHECK(hook.calls() == 1);
     CHECK(trace.level() == 7);
 }
 
@@ -965,6 +986,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"results", results},
         {"setLevel", setLevel},
         {"setLevelByThreads", setLevelByThreads},
+        {"setLevelInBetween", setLevelInBetween},
         {"setLevelFirst", setLevelFirst},
         {"setLevelWithoutMemory", setLevelWithoutMemory},
         {"slowReader", slowReader},
