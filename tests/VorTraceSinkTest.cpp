@@ -294,8 +294,9 @@ TEST(VorTraceSinkLine, TurnsNewlinesIntoBlanks)
 
 TEST(VorTraceSinkLine, TakesNullPointers)
 {
-    EXPECT_EQ(restsOf("nullPointers"), (Lines{"? 1 ?:0 ?: no channel", "? 1 ?:7 ?: no names",
-                                              onChannel("?"), "? 3 ?:7 ?: nameless"}));
+    EXPECT_EQ(restsOf("nullPointers"),
+              (Lines{"? 1 ?:0 ?: no channel", "? 1 ?:7 ?: no names", onChannel("?"),
+                     " 1 dir/File:12 function: empty name", "? 3 ?:7 ?: nameless"}));
 }
 
 TEST(VorTraceSinkLine, KeepsNeitherHeaderNorName)
