@@ -10,10 +10,9 @@
 //
 // Line. A message is one line, written whole:
 //
-//   2026-11-21T01:20:33.123456Z 4242/4243 KIV.GCL 1 Framework/GCL/private/CList:161 CList_GetNext:
-//   \ text
+//   2026-11-21T01:20:33.123456Z 4242/4243 KIV.GCL 1 Framework/GCL/private/CList:161 <function>: text
 //
-// (here folded) that is, UTC time of the opening, process id/thread id, channel name, level,
+// that is, UTC time of the opening, process id/thread id, channel name, level,
 // file:line, function, the text. A newline inside becomes a blank, one at the end of the text is
 // dropped. A NULL name is written as "?", a missing header as "?:0 ?".
 //

@@ -1,0 +1,1021 @@
+// SinkProbe <scenario>: a process of its own that reports through libVorTrace, for the tests that
+// read back what comes out. The sink takes its configuration from the environment once a process,
+// hence a process for each scenario. It exits with 0 if the checks that it makes itself have held.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <new>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Framework/GCL/CList.h"
+#include "Framework/VT/VT.h"
+#include "Framework/VT/VorTrace.h"
+#include "tests/support/FaultInjection.h"
+
+using gcltest::Count;
+using gcltest::Failure;
+using gcltest::Fault;
+using gcltest::Hook;
+using gcltest::Threads;
+namespace calls = gcltest::calls;
+
+namespace {
+
+TraceChannel channel = {0x1003, "KIV.TEST"};
+const VorTraceHeader kHeader = {"dir/File", 12, "function"};
+
+[[noreturn]] void fail(const char* what, int line)
+{
+    // Not through stdio, whose streams a scenario may have spoilt; the code tells the line.
+    static_cast<void>(!write(STDERR_FILENO, what, strlen(what)));
+    static_cast<void>(!write(STDERR_FILENO, "\n", 1));
+    _exit(line % 100 + 100);
+}
+#define CHECK(condition)                                                                           \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            fail("check failed: " #condition, __LINE__);                                           \
+        }                                                                                          \
+    } while (false)
+
+// One message on the channel.
+void say(const std::string& text, int level = 1)
+{
+    VT_beginImpl(&channel, level, &kHeader);
+    VT_rawprintf(&channel, "%s", text.c_str());
+    VT_endImpl(&channel);
+}
+
+void sayThrough(VorTrace& trace, VorTraceLevel level, const std::string& text)
+{
+    trace.beginLogMsg(level, kHeader);
+    trace.logMsgData(text.data(), static_cast<unsigned>(text.size()));
+    trace.endLogMsg();
+}
+
+int64_t nowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// A pipe in the place of standard error, whose reading end stays with the scenario.
+class StderrPipe {
+public:
+    explicit StderrPipe(bool nonBlocking)
+    {
+        int ends[2];
+        CHECK(pipe(ends) == 0);
+        reader = ends[0];
+        CHECK(dup2(ends[1], STDERR_FILENO) == STDERR_FILENO);
+        close(ends[1]);
+        if (nonBlocking) {
+            CHECK(fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK) == 0);
+            CHECK(fcntl(reader, F_SETFL, O_NONBLOCK) == 0);
+        }
+    }
+    ~StderrPipe() { closeReader(); }
+    StderrPipe(const StderrPipe&) = delete;
+    StderrPipe& operator=(const StderrPipe&) = delete;
+
+    // What is in the pipe now.
+    std::string drain() const
+    {
+        std::string all;
+        char part[4096];
+        for (ssize_t count = 0; (count = read(reader, part, sizeof part)) > 0;) {
+            all.append(part, static_cast<size_t>(count));
+        }
+        return all;
+    }
+    void closeReader()
+    {
+        if (reader >= 0) {
+            close(reader);
+        }
+        reader = -1;
+    }
+
+private:
+    int reader;
+};
+
+size_t countOf(const std::string& text, const std::string& piece)
+{
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(piece, at)) != std::string::npos; at += piece.size()) {
+        ++count;
+    }
+    return count;
+}
+
+void fromLibrary()
+{
+    CListNode* position = nullptr;
+    unsigned long item = 0;
+    CHECK(CList_GetNext(nullptr, &item, &position) == 0x8008);
+}
+
+void oneMessage()
+{
+    say("text");
+}
+
+void tidOfThread()
+{
+    std::thread([] { say("tid " + std::to_string(syscall(SYS_gettid))); }).join();
+}
+
+void results()
+{
+    CHECK(VT_beginImpl(&channel, 1, &kHeader) == 0);
+    CHECK(VT_rawprintf(&channel, "x%d", 1) == 0);
+    CHECK(VT_endImpl(&channel) == 0);
+}
+
+void newlines()
+{
+    say("a\nb");
+    say("a\n");
+    say("a\n\n");
+    say("\n");
+    say("");
+    VT_beginImpl(&channel, 1, &kHeader);
+    VT_rawprintf(&channel, "one\n");
+    VT_rawprintf(&channel, "      code: %#lx\n", 0x8010ul);
+    VT_endImpl(&channel);
+    TraceChannel odd = {1, "two\nlines"};
+    const VorTraceHeader header = {"fi\nle", 1, "fun\nction"};
+    VT_beginImpl(&odd, 1, &header);
+    VT_rawprintf(&odd, "x");
+    VT_endImpl(&odd);
+}
+
+void nullPointers()
+{
+    TraceChannel nameless = {1, nullptr};
+    const VorTraceHeader empty = {nullptr, 7, nullptr};
+    VT_beginImpl(nullptr, 1, nullptr);
+    VT_rawprintf(nullptr, "no channel");
+    VT_endImpl(nullptr);
+    VT_beginImpl(&nameless, 1, &empty);
+    VT_rawprintf(&nameless, "no names");
+    VT_endImpl(&nameless);
+    VT_beginImpl(&channel, 1, &kHeader);
+    const char* const volatile noFormat = nullptr;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+    VT_rawprintf(&channel, noFormat);
+#pragma GCC diagnostic pop
+    VT_endImpl(&channel);
+    VT_setLevel(nullptr, 0);
+    VT_setLevel("", 0); // sets nothing for this one:
+    TraceChannel unnamed = {1, ""};
+    VT_beginImpl(&unnamed, 1, &kHeader);
+    VT_rawprintf(&unnamed, "empty name");
+    VT_endImpl(&unnamed);
+    VorTrace trace(nullptr, VorTraceLevel3);
+    trace.beginLogMsg(VorTraceLevel3, empty);
+    trace.logMsgData(nullptr, 5);
+    trace.logMsgData("nameless", 8);
+    trace.endLogMsg();
+}
+
+void headerIsNotKept()
+{
+    {
+        char file[] = "file";
+        char name[] = "KIV.COPY";
+        TraceChannel ownChannel = {1, name};
+        VorTraceHeader header = {file, 3, file};
+        VT_beginImpl(&ownChannel, 1, &header);
+        memset(file, 'X', 4);
+        memset(name, 'X', 8);
+        header = {nullptr, 0, nullptr};
+        VT_rawprintf(&ownChannel, "kept");
+        VT_endImpl(&ownChannel);
+    }
+    char name[] = "KIV.CLASS";
+    VorTrace trace(name, VorTraceLevel3);
+    memset(name, 'X', 9);
+    sayThrough(trace, VorTraceLevel1, "copied");
+}
+
+constexpr size_t kLengths[] = {0, 1, 900, 940, 1022, 1023, 1024, 1025, 2048, 5000, 100000};
+
+void lengths()
+{
+    for (const size_t length : kLengths) {
+        std::string text;
+        for (size_t i = 0; i < length; ++i) {
+            text += static_cast<char>('a' + i % 26);
+        }
+        say(text);
+        // The same in many pieces, some formatted, through both interfaces.
+        VorTrace trace("KIV.CLASS", VorTraceLevel7);
+        trace.beginLogMsg(VorTraceLevel1, kHeader);
+        for (size_t i = 0; i < length; i += 100) {
+            const std::string piece = text.substr(i, 100);
+            if (i % 200 == 0) {
+                VT_rawprintf(&channel, "%s", piece.c_str());
+            } else {
+                trace.logMsgData(piece.data(), static_cast<unsigned>(piece.size()));
+            }
+        }
+        trace.endLogMsg();
+    }
+}
+
+// Every length around the end of the thread's own buffer, formatted and as data.
+void lengthSweep()
+{
+    VorTrace trace("KIV.CLASS", VorTraceLevel7);
+    for (size_t length = 880; length < 1030; ++length) {
+        say(std::string(length, 'f'));
+        sayThrough(trace, VorTraceLevel1, std::string(length, 'd'));
+        VT_beginImpl(&channel, 1, &kHeader);
+        VT_rawprintf(&channel, "%s", std::string(length, 'n').c_str());
+        VT_rawprintf(&channel, "\n");
+        VT_endImpl(&channel);
+    }
+}
+
+void usualMessagesAllocateNothing()
+{
+    say("first use");
+    VorTrace trace("KIV.CLASS", VorTraceLevel7);
+    const Count arrays(calls::newArray);
+    const Count scalars(calls::newScalar);
+    say("second");
+    sayThrough(trace, VorTraceLevel1, "third");
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    trace.stream() << "fourth" << std::flush;
+    CHECK(arrays.calls() == 0 && scalars.calls() == 0);
+}
+
+void growthFails()
+{
+    const std::string text(3000, 'x');
+    {
+        const Fault fault(calls::newArray, {0, 0, 1, Failure::kForGood});
+        say(text);
+        VT_beginImpl(&channel, 1, &kHeader);
+        VT_rawprintf(&channel, "%s", "head ");
+        VT_rawprintf(&channel, "%s", text.c_str());
+        VT_rawprintf(&channel, "%s", "lost");
+        VT_endImpl(&channel);
+        CHECK(fault.failures() >= 2);
+    }
+    {
+        // The first growth passes, the second fails.
+        const Fault fault(calls::newArray, {0, 0, 2, Failure::kForGood});
+        VT_beginImpl(&channel, 1, &kHeader);
+        VT_rawprintf(&channel, "%s", std::string(1500, 'y').c_str());
+        VT_rawprintf(&channel, "%s", std::string(100000, 'z').c_str());
+        VT_endImpl(&channel);
+    }
+    say("whole again " + text);
+}
+
+void noImpl()
+{
+    for (gcltest::Call<void*(size_t)>* call : {&calls::newScalar, &calls::newArray}) {
+        alignas(VorTrace) unsigned char place[sizeof(VorTrace)];
+        VorTrace* object = nullptr;
+        {
+            const Fault fault(*call, {0, 0, 1, Failure::kForGood});
+            object = new (place) VorTrace("KIV.NONE", VorTraceLevel7);
+            CHECK(fault.failures() == 1);
+        }
+        CHECK(!object->hasImpl());
+        CHECK(object->level() == 0);
+        sayThrough(*object, VorTraceLevel1, "never written");
+        object->stream() << "nor this" << std::flush;
+        object->discardStream() << "nor that" << std::flush;
+        object->~VorTrace();
+    }
+    VorTrace trace("KIV.SOME", VorTraceLevel7);
+    CHECK(trace.hasImpl());
+    say("end");
+}
+
+// Without memory VT_setLevel changes nothing.
+void setLevelWithoutMemory()
+{
+    VorTrace trace("KIV.A", VorTraceLevel3);
+    for (gcltest::Call<void*(size_t)>* call : {&calls::newScalar, &calls::newArray}) {
+        const Fault fault(*call, {0, 0, 1, Failure::kForGood});
+        VT_setLevel("KIV.A", 5);
+        CHECK(fault.failures() == 1);
+        CHECK(trace.level() == 3);
+    }
+    VT_setLevel("KIV.A", 5);
+    CHECK(trace.level() == 5);
+    const Count arrays(calls::newArray);
+    VT_setLevel("KIV.A", 6); // known by now
+    CHECK(arrays.calls() == 0);
+    CHECK(trace.level() == 6);
+}
+
+void oneMessageAThread()
+{
+    VT_rawprintf(&channel, "before any message");
+    VT_endImpl(&channel);
+    VT_beginImpl(&channel, 1, &kHeader);
+    VT_rawprintf(&channel, "first");
+    VorTrace trace("KIV.CLASS", VorTraceLevel3);
+    trace.beginLogMsg(VorTraceLevel2, kHeader);
+    trace.logMsgData("second", 6);
+    trace.beginLogMsg(VorTraceLevel7, kHeader); // dropped, but it completes the second
+    trace.logMsgData("dropped", 7);
+    trace.endLogMsg();
+    trace.logMsgData("between", 7);
+    say("third");
+    trace.endLogMsg();
+}
+
+void unformattable()
+{
+    // A character that the C locale cannot convert.
+    VT_beginImpl(&channel, 1, &kHeader);
+    VT_rawprintf(&channel, "<");
+    VT_rawprintf(&channel, "%d and %lc", 5, static_cast<wint_t>(0x20AC));
+    VT_rawprintf(&channel, ">");
+    VT_endImpl(&channel);
+}
+
+// Messages of all levels on KIV.TEST and KIV.OTHER.
+void levelsOfChannels()
+{
+    TraceChannel other = {0x1003, "KIV.OTHER"};
+    for (int level = 0; level <= 8; ++level) {
+        say("t" + std::to_string(level), level);
+        VT_beginImpl(&other, level, &kHeader);
+        VT_rawprintf(&other, "o%d", level);
+        VT_endImpl(&other);
+    }
+}
+
+void printLevels()
+{
+    const VorTrace a("A", VorTraceLevel3);
+    const VorTrace b("B", VorTraceLevel3);
+    const VorTrace c("C D", VorTraceLevel5);
+    printf("%d %d %d\n", a.level(), b.level(), c.level());
+}
+
+void levelsOfObjects()
+{
+    VorTrace trace("KIV.A", VorTraceLevel3);
+    CHECK(trace.level() == 3);
+    for (int level = 1; level <= 7; ++level) {
+        sayThrough(trace, static_cast<VorTraceLevel>(level), "a" + std::to_string(level));
+    }
+}
+
+void setLevel()
+{
+    VorTrace before("KIV.A", VorTraceLevel3);
+    VorTrace other("KIV.B", VorTraceLevel4);
+    VT_setLevel("KIV.A", 6);
+    CHECK(before.level() == 6 && other.level() == 4);
+    VorTrace after("KIV.A", VorTraceLevel1);
+    CHECK(after.level() == 6);
+    VT_setLevel("*", 2);
+    CHECK(before.level() == 6 && after.level() == 6 && other.level() == 2);
+    VT_setLevel("KIV.A", 5);
+    CHECK(before.level() == 5 && after.level() == 5);
+    VT_setLevel("*", 7);
+    CHECK(before.level() == 5 && other.level() == 7);
+    VT_setLevel("KIV.A", -1);
+    CHECK(before.level() == -1);
+    sayThrough(before, VorTraceLevel1, "never");
+    VT_setLevel("KIV.TEST", 3);
+    say("passes", 3);
+    say("is dropped", 4);
+    VT_setLevel("KIV.TEST", 4);
+    say("passes now", 4);
+}
+
+void setLevelFirst()
+{
+    // Before anything else has read VT_LEVELS, which must not take it back.
+    VT_setLevel("A", 1);
+    printLevels();
+}
+
+void setLevelByThreads()
+{
+    std::vector<std::thread> threads;
+    VorTrace trace("KIV.T0", VorTraceLevel3);
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&trace] {
+            for (int i = 0; i < 200; ++i) {
+                VT_setLevel(("KIV.T" + std::to_string(i % 20)).c_str(), 4);
+                CHECK(trace.level() == 4 || trace.level() == 3);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const Count arrays(calls::newArray);
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "KIV.T" + std::to_string(i);
+        VT_setLevel(name.c_str(), 7);
+    }
+    CHECK(arrays.calls() == 0);
+    CHECK(trace.level() == 7);
+}
+
+// Another thread sets the level of a name while this one makes room for its own: both mean one
+// setting, and the one that is not used is freed.
+void setLevelInBetween()
+{
+    VorTrace trace("KIV.RACE", VorTraceLevel3);
+    bool between = false;
+    {
+        const Hook hook(calls::newScalar, [&between](size_t size) -> void* {
+            if (!between) {
+                between = true;
+                std::thread([] { VT_setLevel("KIV.RACE", 5); }).join();
+            }
+            return calls::newScalar.real(size);
+        });
+        VT_setLevel("KIV.RACE", 6);
+    }
+    CHECK(between);
+    CHECK(trace.level() == 6);
+    VT_setLevel("KIV.RACE", 7);
+    CHECK(trace.level() == 7);
+}
+
+void manyThreads()
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t] {
+            VorTrace trace("KIV.CLASS", VorTraceLevel7);
+            for (int i = 0; i < 2000; ++i) {
+                // Some lines are longer than what a pipe takes in one piece.
+                const std::string filling(i % 100 == 0 ? 9000u : 40u, static_cast<char>('A' + t));
+                if (i % 3 == 0) {
+                    trace.beginLogMsg(VorTraceLevel1, kHeader);
+                    trace.stream() << 't' << t << " i" << i << ' ' << filling << std::endl;
+                } else {
+                    VT_beginImpl(&channel, 1, &kHeader);
+                    VT_rawprintf(&channel, "t%d ", t);
+                    VT_rawprintf(&channel, "i%d %s", i, filling.c_str());
+                    VT_endImpl(&channel);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+// Many short-lived threads, each leaving something behind.
+void endingThreads()
+{
+    for (int t = 0; t < 50; ++t) {
+        std::thread([t] {
+            VorTrace trace("KIV.CLASS", VorTraceLevel7);
+            trace.beginLogMsg(VorTraceLevel1, kHeader);
+            trace.stream() << "open " << t << std::string(2000, 'x');
+            trace.discardStream().iword(50) = 1; // memory of the stream
+            trace.stream().iword(50) = 1;
+        }).join();
+    }
+}
+
+struct LateReporter {
+    ~LateReporter() { say("from a thread_local destructor"); }
+};
+
+pthread_key_t lateKey;
+
+void onLateKey(void*)
+{
+    static thread_local int rounds;
+    if (++rounds < 3) { // after the sink's own clean-up in the later rounds
+        pthread_setspecific(lateKey, &lateKey);
+    }
+    VorTrace trace("KIV.CLASS", VorTraceLevel7);
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    trace.stream() << "from a key's destructor " << rounds << std::flush;
+}
+
+void veryEndOfAThread()
+{
+    CHECK(pthread_key_create(&lateKey, onLateKey) == 0);
+    std::thread([] {
+        static thread_local LateReporter reporter;
+        static_cast<void>(&reporter);
+        pthread_setspecific(lateKey, &lateKey);
+        say("in the thread");
+    }).join();
+}
+
+void leftOpen()
+{
+    std::thread([] {
+        VT_beginImpl(&channel, 1, &kHeader);
+        VT_rawprintf(&channel, "left open");
+    }).join();
+}
+
+void closedStderr()
+{
+    close(STDERR_FILENO);
+    errno = 77;
+    say("lost");
+    CHECK(errno == 77);
+    // The next one is tried again.
+    const int file = open(getenv("PROBE_FILE"), O_WRONLY | O_CREAT, 0600);
+    CHECK(file == STDERR_FILENO);
+    say("found");
+}
+
+void fileKeepsOffStandardStreams()
+{
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+    say("first");
+    CHECK(fcntl(STDIN_FILENO, F_GETFD) < 0);
+    CHECK(fcntl(STDOUT_FILENO, F_GETFD) < 0);
+    CHECK(fcntl(STDERR_FILENO, F_GETFD) < 0);
+    say("second");
+}
+
+void fileIsClosedOnExec()
+{
+    say("opens the file");
+    int found = 0;
+    for (int descriptor = 3; descriptor < 20; ++descriptor) {
+        const int flags = fcntl(descriptor, F_GETFL);
+        if (flags >= 0 && (flags & O_APPEND) != 0) {
+            ++found;
+            CHECK(fcntl(descriptor, F_GETFD) == FD_CLOEXEC);
+        }
+    }
+    CHECK(found == 1);
+}
+
+void brokenPipe()
+{
+    StderrPipe pipe(false);
+    pipe.closeReader();
+    say("no one listens");
+    say("nor now");
+    VorTrace trace("KIV.CLASS", VorTraceLevel7);
+    sayThrough(trace, VorTraceLevel1, "nor to this");
+    // Nothing is left pending, and the mask is as it was.
+    sigset_t set;
+    CHECK(sigpending(&set) == 0 && sigismember(&set, SIGPIPE) == 0);
+    CHECK(pthread_sigmask(SIG_BLOCK, nullptr, &set) == 0 && sigismember(&set, SIGPIPE) == 0);
+    printf("alive\n");
+}
+
+void brokenPipeKeepsAPendingSignal()
+{
+    sigset_t pipeOnly;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    CHECK(pthread_sigmask(SIG_BLOCK, &pipeOnly, nullptr) == 0);
+    CHECK(raise(SIGPIPE) == 0);
+    StderrPipe pipe(false);
+    pipe.closeReader();
+    say("no one listens");
+    sigset_t set;
+    CHECK(sigpending(&set) == 0 && sigismember(&set, SIGPIPE) == 1);
+    CHECK(pthread_sigmask(SIG_BLOCK, nullptr, &set) == 0 && sigismember(&set, SIGPIPE) == 1);
+    printf("alive\n");
+}
+
+void fileAtItsLimit()
+{
+    say("fits");
+    const rlimit limit = {150, 150};
+    CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    say(std::string(200, 'x')); // in part
+    say("lost");
+    printf("alive\n");
+}
+
+void fullPipe()
+{
+    StderrPipe pipe(true);
+    std::string filling(70000, 'x');
+    const int64_t before = nowMs();
+    say(filling); // more than the pipe takes: its head is written, the rest dropped after the wait
+    const int64_t waited = nowMs() - before;
+    CHECK(waited >= 95);
+    CHECK(waited < 5000);
+    const int64_t again = nowMs();
+    for (int i = 0; i < 100; ++i) {
+        say("dropped"); // without a wait: 100 of them would take 10 s
+    }
+    CHECK(nowMs() - again < 5000);
+    std::string text = pipe.drain();
+    CHECK(text.size() > 4000 && text.size() < filling.size());
+    CHECK(countOf(text, "\n") == 0);
+    say("next");
+    say("last");
+    text = pipe.drain();
+    CHECK(text.front() == '\n'); // ends the torn line
+    CHECK(countOf(text, "\n") == 3);
+    CHECK(text.find(": next\n") != std::string::npos);
+    CHECK(text.find(": last\n") != std::string::npos);
+    // The patience is back.
+    const int64_t third = nowMs();
+    say(filling);
+    CHECK(nowMs() - third >= 95);
+    printf("alive\n");
+}
+
+// A reader that is only slow loses nothing.
+void slowReader()
+{
+    StderrPipe pipe(true);
+    const std::string filling(200000, 'y');
+    std::string text;
+    std::thread reader([&] {
+        while (text.empty() || text.back() != '\n') {
+            text += pipe.drain();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    say(filling);
+    reader.join();
+    CHECK(text.size() > filling.size());
+    CHECK(countOf(text, "y") == filling.size());
+    CHECK(countOf(text, "\n") == 1);
+    printf("alive\n");
+}
+
+// The sequence of results that write gives; what passes is collected.
+class ScriptedWrite {
+public:
+    struct Step {
+        ssize_t most; // bytes taken at most, or -1
+        int error;
+    };
+    explicit ScriptedWrite(std::vector<Step> script)
+        : steps(std::move(script)),
+          hook(calls::write, [this](int fd, const void* data, size_t size) -> ssize_t {
+              descriptor = fd;
+              const Step step =
+                  index < steps.size() ? steps[index] : Step{static_cast<ssize_t>(size), 0};
+              ++index;
+              if (step.most < 0) {
+                  errno = step.error;
+                  return -1;
+              }
+              const size_t taken = std::min(size, static_cast<size_t>(step.most));
+              text.append(static_cast<const char*>(data), taken);
+              return static_cast<ssize_t>(taken);
+          })
+    {
+    }
+    std::string text;
+    size_t index = 0;
+    int descriptor = -1;
+
+private:
+    std::vector<Step> steps;
+    Hook<ssize_t(int, const void*, size_t)> hook;
+};
+
+void writeResults()
+{
+    {
+        ScriptedWrite script({});
+        say("whole");
+        CHECK(script.index == 1 && script.descriptor == STDERR_FILENO);
+        CHECK(countOf(script.text, ": whole\n") == 1 && script.text.front() != '\n');
+    }
+    {
+        ScriptedWrite script({{-1, EINTR}, {5, 0}, {-1, EINTR}, {7, 0}});
+        say("in pieces");
+        CHECK(script.index == 5);
+        CHECK(countOf(script.text, ": in pieces\n") == 1 && countOf(script.text, "\n") == 1);
+    }
+    for (const int error : {ENOSPC, EBADF, EIO, EPIPE, EFBIG}) {
+        ScriptedWrite script({{-1, error}});
+        say("dropped");
+        CHECK(script.index == 1 && script.text.empty());
+        say("next");
+        CHECK(script.index == 2 && countOf(script.text, "\n") == 1);
+        CHECK(script.text.front() != '\n');
+    }
+    {
+        ScriptedWrite script({{10, 0}, {-1, ENOSPC}, {-1, ENOSPC}, {1, 0}, {-1, ENOSPC}});
+        say("torn");                      // 10 bytes of it
+        say("lost");                      // nothing
+        say("only the newline in front"); // ends the torn line
+        const size_t torn = script.text.size();
+        CHECK(torn == 11 && script.text.back() == '\n');
+        say("next");
+        CHECK(countOf(script.text, "\n") == 2 && script.text[torn] != '\n');
+    }
+    {
+        ScriptedWrite script({{10, 0}, {-1, ENOSPC}, {5, 0}, {-1, ENOSPC}});
+        say("torn");
+        say("torn again"); // a newline and 4 bytes
+        say("next");
+        CHECK(script.text[10] == '\n' && script.text[15] == '\n');
+        CHECK(countOf(script.text, "\n") == 3);
+    }
+    {
+        ScriptedWrite script({{0, 0}});
+        say("nothing taken");
+        CHECK(script.index == 1);
+    }
+}
+
+void errnoIsKept()
+{
+    // %m is not ISO C, but what reporters may use on this platform.
+    static const char* volatile errorFormat = "error %m";
+    const std::vector<std::function<void(VorTrace&)>> steps = {
+        [](VorTrace&) { VT_setLevel("KIV.X", 3); },
+        [](VorTrace&) { VT_beginImpl(&channel, 1, &kHeader); },
+        [](VorTrace&) { VT_rawprintf(&channel, errorFormat, 0); },
+        [](VorTrace&) { VT_rawprintf(&channel, "%lc", static_cast<wint_t>(0x20AC)); },
+        [](VorTrace&) { VT_endImpl(&channel); },
+        [](VorTrace& trace) { trace.beginLogMsg(VorTraceLevel1, kHeader); },
+        [](VorTrace& trace) { trace.logMsgData("x", 1); },
+        [](VorTrace& trace) { trace.endLogMsg(); },
+        [](VorTrace& trace) { trace.beginLogMsg(VorTraceLevel1, kHeader); },
+        [](VorTrace& trace) { trace.stream() << "text" << std::endl; },
+        [](VorTrace& trace) { trace.discardStream() << "text" << std::endl; },
+        [](VorTrace& trace) { CHECK(trace.hasImpl() && trace.level() == 7); },
+        [](VorTrace&) { VorTrace("KIV.SHORT", VorTraceLevel3); },
+    };
+    errno = ENOENT;
+    VorTrace trace("KIV.CLASS", VorTraceLevel7); // the first use of all
+    CHECK(errno == ENOENT);
+    for (const bool failing : {false, true}) {
+        const Fault fault(calls::write, {-1, EIO, 1, failing ? Failure::kForGood : 0});
+        for (const auto& step : steps) {
+            errno = ENOENT;
+            step(trace);
+            CHECK(errno == ENOENT);
+        }
+    }
+}
+
+void streams()
+{
+    VorTrace trace("KIV.CLASS", VorTraceLevel3);
+    trace.stream() << "outside" << std::flush;
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    trace.stream() << "number " << 42u << ' ' << -7 << '.' << std::hex << 255 << std::endl;
+    trace.stream() << "after the flush" << std::flush;
+    trace.beginLogMsg(VorTraceLevel4, kHeader); // above the level
+    trace.stream() << "too low" << std::flush;
+    trace.beginLogMsg(VorTraceLevel2, kHeader);
+    trace.stream() << 255; // formatting stays
+    trace.discardStream() << "discarded" << 'x' << std::endl;
+    CHECK(trace.discardStream().good());
+    trace.stream().put('!');
+    trace.stream() << std::dec << std::endl;
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    trace.stream() << "good part ";
+    trace.stream().setstate(std::ios::badbit);
+    trace.stream() << "lost part" << std::endl;
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    CHECK(trace.stream().good());
+    trace.stream() << "good again" << std::endl;
+    std::ostream* const mine = &trace.stream();
+    VorTrace second("KIV.SECOND", VorTraceLevel3);
+    CHECK(&second.stream() == mine);
+    CHECK(&trace.discardStream() != mine);
+    std::thread([&] { CHECK(&trace.stream() != mine); }).join();
+}
+
+// A thread holds the sink's lock, blocked in write; the child of a fork reports all the same.
+void forkWhileReporting()
+{
+    static std::atomic<bool> inside{false};
+    static std::atomic<bool> release{false};
+    say("warm");
+    pid_t child = -1;
+    {
+        const Hook hook(
+            calls::write,
+            [](int fd, const void* data, size_t size) -> ssize_t {
+                if (!inside.exchange(true)) {
+                    while (!release) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    }
+                }
+                return calls::write.real(fd, data, size);
+            },
+            Threads::all);
+        std::thread reporter([] { say("slow"); });
+        while (!inside) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        child = fork();
+        if (child == 0) {
+            alarm(20); // ends a child that hangs
+            say("child");
+            VT_setLevel("KIV.CHILD", 3);
+            VorTrace trace("KIV.CHILD", VorTraceLevel7);
+            trace.beginLogMsg(VorTraceLevel3, kHeader);
+            trace.stream() << "child's stream" << std::flush;
+            _exit(0);
+        }
+        int status = -1;
+        CHECK(waitpid(child, &status, 0) == child);
+        release = true;
+        reporter.join();
+        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    say("parent, child " + std::to_string(child));
+}
+
+void cancellation()
+{
+    static std::atomic<bool> finished{false};
+    pthread_t thread;
+    CHECK(pthread_create(
+              &thread, nullptr,
+              [](void*) -> void* {
+                  pthread_cancel(pthread_self());
+                  for (int i = 0; i < 10; ++i) { // write is a cancellation point
+                      say("not cancelled");
+                  }
+                  int before = -1;
+                  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+                  CHECK(before == PTHREAD_CANCEL_ENABLE);
+                  pthread_setcancelstate(before, nullptr);
+                  finished = true;
+                  pthread_testcancel();
+                  fail("the cancellation is lost", __LINE__);
+              },
+              nullptr) == 0);
+    void* result = nullptr;
+    CHECK(pthread_join(thread, &result) == 0);
+    CHECK(finished && result == PTHREAD_CANCELED);
+}
+
+void toSyslog()
+{
+    std::vector<std::pair<int, std::string>> logged;
+    const Hook hook(calls::syslog,
+                    [&](int priority, const char* text) { logged.emplace_back(priority, text); });
+    for (int level = 0; level <= 8; ++level) {
+        say("level %s%n " + std::to_string(level), level);
+    }
+    say("two\nlines\n", 1);
+    for (const auto& [priority, text] : logged) {
+        printf("%d %s\n", priority, text.c_str());
+    }
+}
+
+void timeStamp()
+{
+    struct Moment {
+        long long seconds;
+        long nanoseconds;
+    };
+    for (const Moment& moment :
+         {Moment{0, 0}, Moment{2147483647, 999999999}, Moment{2147483648LL, 1000},
+          Moment{4102444800LL, 123456789}, Moment{1795224033LL, 123456000}}) {
+        const Hook hook(calls::clock_gettime64, [&](clockid_t, gcltest::Timespec64* time) {
+            time->tv_sec = moment.seconds;
+            time->tv_nsec = static_cast<decltype(time->tv_nsec)>(moment.nanoseconds);
+            return 0;
+        });
+        say("moment");
+    }
+}
+
+void manyKeys()
+{
+    // No thread keys left: the sink works, only its clean-up does not come.
+    pthread_key_t key;
+    while (pthread_key_create(&key, nullptr) == 0) {
+    }
+    std::thread([] {
+        VorTrace trace("KIV.CLASS", VorTraceLevel7);
+        trace.beginLogMsg(VorTraceLevel1, kHeader);
+        trace.stream() << "without keys" << std::flush;
+    }).join();
+}
+
+void nothing() {}
+
+// A report before static objects are built, and after they are destroyed.
+__attribute__((constructor(101))) void beforeAnyObject()
+{
+    if (getenv("PROBE_EARLY") != nullptr) {
+        say("from a constructor function");
+        static VorTrace* const trace = new VorTrace("KIV.EARLY", VorTraceLevel7);
+        trace->beginLogMsg(VorTraceLevel1, kHeader);
+        trace->stream() << "by an early stream" << std::flush;
+        delete trace;
+    }
+}
+
+__attribute__((destructor(101))) void afterAllObjects()
+{
+    if (getenv("PROBE_EARLY") != nullptr) {
+        say("from a destructor function");
+        VorTrace trace("KIV.LATE", VorTraceLevel7);
+        trace.beginLogMsg(VorTraceLevel1, kHeader);
+        trace.stream() << "by a late stream" << std::flush;
+    }
+}
+
+void atExit()
+{
+    CHECK(atexit([] { say("from atexit"); }) == 0);
+}
+
+const std::map<std::string, void (*)()>& scenarios()
+{
+    static const std::map<std::string, void (*)()> table = {
+        {"atExit", atExit},
+        {"brokenPipe", brokenPipe},
+        {"brokenPipeKeepsAPendingSignal", brokenPipeKeepsAPendingSignal},
+        {"cancellation", cancellation},
+        {"closedStderr", closedStderr},
+        {"endingThreads", endingThreads},
+        {"errnoIsKept", errnoIsKept},
+        {"fileAtItsLimit", fileAtItsLimit},
+        {"fileIsClosedOnExec", fileIsClosedOnExec},
+        {"fileKeepsOffStandardStreams", fileKeepsOffStandardStreams},
+        {"forkWhileReporting", forkWhileReporting},
+        {"fromLibrary", fromLibrary},
+        {"fullPipe", fullPipe},
+        {"growthFails", growthFails},
+        {"headerIsNotKept", headerIsNotKept},
+        {"leftOpen", leftOpen},
+        {"lengthSweep", lengthSweep},
+        {"lengths", lengths},
+        {"levelsOfChannels", levelsOfChannels},
+        {"levelsOfObjects", levelsOfObjects},
+        {"manyKeys", manyKeys},
+        {"manyThreads", manyThreads},
+        {"newlines", newlines},
+        {"noImpl", noImpl},
+        {"nothing", nothing},
+        {"nullPointers", nullPointers},
+        {"oneMessage", oneMessage},
+        {"oneMessageAThread", oneMessageAThread},
+        {"printLevels", printLevels},
+        {"results", results},
+        {"setLevel", setLevel},
+        {"setLevelByThreads", setLevelByThreads},
+        {"setLevelInBetween", setLevelInBetween},
+        {"setLevelFirst", setLevelFirst},
+        {"setLevelWithoutMemory", setLevelWithoutMemory},
+        {"slowReader", slowReader},
+        {"streams", streams},
+        {"tidOfThread", tidOfThread},
+        {"timeStamp", timeStamp},
+        {"toSyslog", toSyslog},
+        {"unformattable", unformattable},
+        {"usualMessagesAllocateNothing", usualMessagesAllocateNothing},
+        {"veryEndOfAThread", veryEndOfAThread},
+        {"writeResults", writeResults},
+    };
+    return table;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const auto scenario = argc == 2 ? scenarios().find(argv[1]) : scenarios().end();
+    if (scenario == scenarios().end()) {
+        fprintf(stderr, "usage: %s <scenario>\n", argv[0]);
+        return 2;
+    }
+    scenario->second();
+    return 0;
+}
