@@ -1,0 +1,110 @@
+#include "Framework/GCL/CMemoryPool.h"
+
+#include <cstddef>
+#include <memory>
+
+#include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/private/Report.h"
+#include "Framework/GCL/private/StackSteps.h"
+
+namespace {
+
+static_assert(offsetof(CMemoryPool, uiBlockSize) == 0);
+static_assert(offsetof(CMemoryPool, uiNrOfBlocks) == 4);
+static_assert(offsetof(CMemoryPool, pBlockArea) == 8);
+static_assert(offsetof(CMemoryPool, freeBlocks) == 8 + sizeof(void*));
+static_assert(sizeof(CMemoryPool) == (sizeof(void*) == 8 ? 40 : 28));
+
+constexpr char kSource[] = "Framework/GCL/private/CMemoryPool";
+
+// By contract: sizes are computed in 32 bits and may wrap.
+uint32_t strideOf(uint32_t blockSize)
+{
+    return (blockSize + 3) & ~uint32_t{3};
+}
+
+// Puts the blocks on the stack, the first one first, until one does not fit.
+uint32_t pushBlocks(CStack& stack, unsigned char* area, uint32_t stride, uint32_t count)
+{
+    unsigned char* block = area;
+    for (uint32_t i = 0; i < count; ++i, block += stride) {
+        const uint32_t result = gcl::stackPush(stack, block);
+        if (GCL_IS_FAILURE(result)) {
+            return result;
+        }
+    }
+    return GCL_OK;
+}
+
+} // namespace
+
+void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t uiNrOfBlocks)
+{
+    if (pThis == nullptr) {
+        static_cast<void>(GCL_REPORT(GCL_INVALID_ARGUMENT, "pThis is NULL!"));
+        return;
+    }
+    // Without its memory it stays a pool that has no block and can be destructed.
+    *pThis = {uiBlockSize, uiNrOfBlocks, nullptr, {nullptr, -1, 0, GCL_OK}};
+    const uint32_t stride = strideOf(uiBlockSize);
+    CStack freeBlocks;
+    CStack_Construct(&freeBlocks, uiNrOfBlocks);
+    std::unique_ptr<void*[]> entries(freeBlocks.pEntries); // until there is a block area too
+    pThis->pBlockArea = new unsigned char[stride * uiNrOfBlocks];
+    static_cast<void>(entries.release());
+
+    const uint32_t result = pushBlocks(freeBlocks, pThis->pBlockArea, stride, uiNrOfBlocks);
+    pThis->freeBlocks = freeBlocks;
+    if (GCL_IS_FAILURE(result)) {
+        static_cast<void>(
+            GCL_REPORT(GCL_FAILURE, "Not possible to push memory block of size %u!", stride));
+    }
+}
+
+void CMemoryPool_Destruct(CMemoryPool* pThis)
+{
+    delete[] pThis->pBlockArea;
+    pThis->pBlockArea = nullptr;
+    CStack_Destruct(&pThis->freeBlocks);
+}
+
+uint32_t CMemoryPool_Malloc(CMemoryPool* pThis, uint32_t uiRequestedSize, void** ppBlock)
+{
+    if (pThis == nullptr) {
+        return GCL_REPORT(GCL_INVALID_ARGUMENT, "pThis is NULL!");
+    }
+    // By contract: the limit is the size as given, although a block may have some bytes more.
+    if (uiRequestedSize == 0 || uiRequestedSize > pThis->uiBlockSize) {
+        return GCL_REPORT(GCL_INVALID_ARGUMENT,
+                          "Not possible to allocate a memory block of size %u!", uiRequestedSize);
+    }
+    if (gcl::stackPop(pThis->freeBlocks, *ppBlock) != GCL_OK) {
+        *ppBlock = nullptr;
+        return GCL_REPORT(GCL_POOL_EXHAUSTED, "Not possible to get memory block from pool!");
+    }
+    return GCL_OK;
+}
+
+uint32_t CMemoryPool_Free(CMemoryPool* pThis, void* pBlock)
+{
+    if (pThis == nullptr) {
+        return GCL_REPORT(GCL_INVALID_ARGUMENT, "pThis is NULL!");
+    }
+    // By contract: whatever the pointer is, it becomes a free block if there is room.
+    if (GCL_IS_FAILURE(gcl::stackPush(pThis->freeBlocks, pBlock))) {
+        return GCL_REPORT(GCL_FAILURE, "Not possible to release memory!");
+    }
+    return GCL_OK;
+}
+
+uint32_t CMemoryPool_Statistics(const CMemoryPool* pThis, uint32_t* puiBlockSize,
+                                uint32_t* puiNrOfBlocks, uint32_t* puiFreeBlocks)
+{
+    if (pThis == nullptr) {
+        return GCL_REPORT(GCL_INVALID_ARGUMENT, "pThis is NULL!");
+    }
+    *puiBlockSize = pThis->uiBlockSize;
+    *puiNrOfBlocks = pThis->uiNrOfBlocks;
+    *puiFreeBlocks = gcl::stackCurrentSize(pThis->freeBlocks);
+    return GCL_OK;
+}
