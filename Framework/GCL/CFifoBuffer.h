@@ -4,10 +4,11 @@
 // The structure is the caller's; a tasking mode, chosen at construction, says how it may be used
 // between threads (see ETaskingMode). CFifoBuffer_IsEmpty and CFifoBuffer_GetStatistics take no
 // lock in any mode and tell how things stood at one moment. While CFifoBuffer_Construct or
-// CFifoBuffer_Destruct runs, no other thread may use the object. Results are codes of
-// ResultCodes.h; failures are reported on GCL_trace unless they are marked as silent. Where a
-// comment does not mention a check for NULL, there is none, and a NULL pointer is the caller's
-// error.
+// CFifoBuffer_Destruct runs, no other thread may use the object. A child process made by fork(2)
+// must not use a FIFO that another thread was using at that moment: a lock that was held stays held
+// in the child. Results are codes of ResultCodes.h; failures are reported on GCL_trace unless they
+// are marked as silent. Where a comment does not mention a check for NULL, there is none, and a
+// NULL pointer is the caller's error.
 #ifndef GCL_CFIFOBUFFER_H
 #define GCL_CFIFOBUFFER_H
 
@@ -61,7 +62,7 @@ typedef struct CFifoBuffer {
 // CFifoBuffer_Construct makes pThis an empty FIFO of uiCapacity elements of uiElementSize bytes
 // each and allocates its ring, uiCapacity * uiElementSize bytes computed in 32 bits: a product of
 // 2^32 or more wraps and makes a ring that is too small, which is not noticed. A capacity of 0 is
-// not supported (Put then waits for ever in eTaskingModeSemaphore and divides by zero in
+// not supported (Put then waits for ever in eTaskingModeSemaphore and raises SIGFPE in
 // eTaskingModeMutex). It returns nothing; a failure is reported, and a FIFO that could not be
 // constructed answers later calls with GCL_FIFO_NOT_INITIALIZED:
 //   GCL_FAILURE            pThis is NULL, or sem_init(3) failed for one of the semaphores of

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/private/DivideByZero.h"
 #include "Framework/GCL/private/Report.h"
 
 namespace {
@@ -46,11 +47,18 @@ void setCurrentSize(CFifoBuffer& fifo, uint32_t size)
     __atomic_store_n(&fifo.uiCurrentSize, size, __ATOMIC_RELAXED);
 }
 
-// (index + 1) modulo uiCapacity. It divides only where the ring wraps, and by a capacity of 0.
+// (index + 1) modulo uiCapacity, without a division: an index is always below the capacity, unless
+// that is 0.
 uint32_t nextIndex(const CFifoBuffer& fifo, uint32_t index)
 {
     const uint32_t next = index + 1;
-    return next < fifo.uiCapacity ? next : next % fifo.uiCapacity;
+    if (next < fifo.uiCapacity) {
+        return next;
+    }
+    if (fifo.uiCapacity == 0) {
+        gcl::divideByZero();
+    }
+    return 0;
 }
 
 unsigned char* slot(const CFifoBuffer& fifo, uint32_t index)
@@ -80,17 +88,20 @@ void copyElement(void* to, const void* from, uint32_t size)
     }
 }
 
+// The next index comes first: a ring without slots ends there, with nothing copied.
 void storeElement(CFifoBuffer& fifo, const void* element)
 {
+    const uint32_t next = nextIndex(fifo, fifo.uiWriteIndex);
     copyElement(slot(fifo, fifo.uiWriteIndex), element, fifo.uiElementSize);
-    fifo.uiWriteIndex = nextIndex(fifo, fifo.uiWriteIndex);
+    fifo.uiWriteIndex = next;
     setCurrentSize(fifo, currentSize(fifo) + 1);
 }
 
 void takeElement(CFifoBuffer& fifo, void* element)
 {
+    const uint32_t next = nextIndex(fifo, fifo.uiReadIndex);
     copyElement(element, slot(fifo, fifo.uiReadIndex), fifo.uiElementSize);
-    fifo.uiReadIndex = nextIndex(fifo, fifo.uiReadIndex);
+    fifo.uiReadIndex = next;
     setCurrentSize(fifo, currentSize(fifo) - 1);
 }
 

@@ -47,10 +47,11 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     // Without its memory it stays a pool that has no block and can be destructed.
     *pThis = {uiBlockSize, uiNrOfBlocks, nullptr, {nullptr, -1, 0, GCL_OK}};
     const uint32_t stride = strideOf(uiBlockSize);
+    const uint32_t areaSize = stride * uiNrOfBlocks; // may wrap, like the stride
     CStack freeBlocks;
     CStack_Construct(&freeBlocks, uiNrOfBlocks);
     std::unique_ptr<void*[]> entries(freeBlocks.pEntries); // until there is a block area too
-    pThis->pBlockArea = new unsigned char[stride * uiNrOfBlocks];
+    pThis->pBlockArea = new unsigned char[areaSize];
     static_cast<void>(entries.release());
 
     const uint32_t result = pushBlocks(freeBlocks, pThis->pBlockArea, stride, uiNrOfBlocks);
