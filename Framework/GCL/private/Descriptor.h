@@ -1,0 +1,48 @@
+// Descriptor: the owner of a descriptor; closes it at the end of the scope.
+#ifndef GCL_PRIVATE_DESCRIPTOR_H
+#define GCL_PRIVATE_DESCRIPTOR_H
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace gcl {
+
+class Descriptor {
+public:
+    // Takes over what a call such as socket(2) returned; a negative number owns nothing.
+    explicit Descriptor(int descriptor = kNone) : number(descriptor) {}
+    ~Descriptor() { reset(); }
+    Descriptor(Descriptor&& other) noexcept : number(other.release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    bool isOpen() const { return number >= 0; }
+    int get() const { return number; }
+
+    // Gives the descriptor to the caller, who closes it from now on.
+    int release() { return std::exchange(number, kNone); }
+
+    // Closes the descriptor and owns another one instead, or none.
+    void reset(int descriptor = kNone)
+    {
+        const int old = std::exchange(number, descriptor);
+        if (old >= 0) {
+            // Linux closes the descriptor even where it reports a failure.
+            static_cast<void>(close(old));
+        }
+    }
+
+private:
+    static constexpr int kNone = -1;
+    int number;
+};
+
+} // namespace gcl
+
+#endif // GCL_PRIVATE_DESCRIPTOR_H
