@@ -38,6 +38,7 @@ struct Recorder {
     std::vector<int> lines;
     std::vector<int> takenLines;
     std::vector<std::string> calls;
+    std::vector<std::string> discarded;
     std::map<std::string, std::atomic<int>> levels;
 };
 
@@ -100,9 +101,16 @@ protected:
     }
 };
 
-class DiscardBuffer : public std::streambuf {
+// One whose text is only noted; a flush ends the note.
+class DiscardBuffer : public std::stringbuf {
 protected:
-    int overflow(int character) override { return character == EOF ? 0 : character; }
+    int sync() override
+    {
+        const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+        recorder().discarded.push_back(str());
+        str("");
+        return 0;
+    }
 };
 
 struct ThreadStreams {
@@ -163,6 +171,14 @@ std::vector<std::string> takeCalls()
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
     std::vector<std::string> taken;
     taken.swap(recorder().calls);
+    return taken;
+}
+
+std::vector<std::string> takeDiscarded()
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    std::vector<std::string> taken;
+    taken.swap(recorder().discarded);
     return taken;
 }
 
