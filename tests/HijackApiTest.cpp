@@ -187,7 +187,12 @@ void expectMessages(const Reports& expected, const std::function<void(VorTrace&)
 // One trace object at the most verbose level.
 class HijackApiTest : public testing::Test {
 protected:
-    HijackApiTest() { gcltest::setTraceLevel(kName, 7); }
+    HijackApiTest()
+    {
+        gcltest::setTraceLevel(kName, 7);
+        takeReports();
+        takeDiscarded();
+    }
     VorTrace trace{kName, VorTraceLevel7};
 };
 
@@ -679,6 +684,20 @@ TEST_F(HijackApiConstruct, ActsOnDescriptorZeroUntilItConnects)
         close(saved);
     }
     close(ends[1]);
+}
+
+// Only -1 counts as no socket; what else is none is for the platform to say.
+TEST_F(HijackApiConnect, LeavesOtherNegativeDescriptorsToThePlatform)
+{
+    HijackApi api(trace, 1, kPatient, kTx, kRx);
+    api.socketFd = -7;
+    const std::string reason = std::strerror(EBADF);
+    unsigned char byte = 0;
+    EXPECT_FALSE(api.writeToNet(&byte, 1, nullptr));
+    EXPECT_EQ(takeReports(),
+              Reports{report(1, "writeToNet", "Socket writev() returned -1, error: " + reason)});
+    EXPECT_EQ(api.safeRead(&byte, 1), -1);
+    EXPECT_EQ(takeReports(), Reports{readFailed(reason)});
 }
 
 TEST_F(HijackApiSafeRead, GathersWhatComesInPieces)

@@ -50,6 +50,8 @@ class LeakListener : public testing::EmptyTestEventListener {
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
+    // The thread sanitizer starts a thread of its own with the first one of the program.
+    std::thread([] {}).join();
     testing::UnitTest::GetInstance()->listeners().Append(new LeakListener);
     return RUN_ALL_TESTS();
 }

@@ -281,7 +281,8 @@ bool VorTrace::hasImpl() const
 
 int VorTrace::level() const
 {
-    return impl == nullptr ? 0 : impl->level->load();
+    // Without an implementation the level means nothing: callers ask hasImpl first.
+    return impl == nullptr ? VorTraceLevel7 : impl->level->load();
 }
 
 std::ostream& VorTrace::stream()
