@@ -293,7 +293,9 @@ using Timespec64 = timespec;
     F(ioctl, ioctl, int, (int fd, unsigned long request, void* argument), (fd, request, argument)) \
     F(fcntl, fcntl, int, (int fd, int command, long argument), (fd, command, argument))            \
     F(perror, perror, void, (const char* text), (text))                                            \
-    F(inet_aton, inet_aton, int, (const char* text, in_addr* address), (text, address))
+    F(inet_aton, inet_aton, int, (const char* text, in_addr* address), (text, address))            \
+    F(sched_yield, sched_yield, int, (), ())                                                       \
+    F(strerror, strerror, char*, (int error), (error))
 
 namespace calls {
 

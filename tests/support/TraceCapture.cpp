@@ -38,6 +38,7 @@ struct Recorder {
     std::vector<int> lines;
     std::vector<int> takenLines;
     std::vector<std::string> calls;
+    std::vector<std::string> discarded;
     std::map<std::string, std::atomic<int>> levels;
 };
 
@@ -102,9 +103,16 @@ protected:
     }
 };
 
-class DiscardBuffer : public std::streambuf {
+// One whose text is only noted; a flush ends the note.
+class DiscardBuffer : public std::stringbuf {
 protected:
-    int overflow(int character) override { return character == EOF ? 0 : character; }
+    int sync() override
+    {
+        const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+        recorder().discarded.push_back(str());
+        str("");
+        return 0;
+    }
 };
 
 struct ThreadStreams {
@@ -165,6 +173,14 @@ std::vector<std::string> takeCalls()
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
     std::vector<std::string> taken;
     taken.swap(recorder().calls);
+    return taken;
+}
+
+std::vector<std::string> takeDiscarded()
+{
+    const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+    std::vector<std::string> taken;
+    taken.swap(recorder().discarded);
     return taken;
 }
 
@@ -272,7 +288,8 @@ bool VorTrace::hasImpl() const
 
 int VorTrace::level() const
 {
-    return impl == nullptr ? 0 : impl->level->load();
+    // Without an implementation the level means nothing: callers ask hasImpl first.
+    return impl == nullptr ? VorTraceLevel7 : impl->level->load();
 }
 
 std::ostream& VorTrace::stream()

@@ -29,6 +29,9 @@ std::vector<Report> takeReports();
 // "end KIV.GCL"), for tests of the report step itself.
 std::vector<std::string> takeCalls();
 
+// The texts given to the discarding streams since the last call, by any thread: one for each flush.
+std::vector<std::string> takeDiscarded();
+
 // The lines of the header records of the messages that the last takeReports returned.
 std::vector<int> takenLines();
 

@@ -1,0 +1,457 @@
+// The framed message client against a peer node in the same process.
+#include "examples/peernode/PeerNode.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Framework/GCL/HijackApi.h"
+#include "Framework/VT/VorTrace.h"
+#include "tests/support/TraceCapture.h"
+
+using gcltest::Report;
+using gcltest::takeReports;
+using peernode::Options;
+using peernode::PeerNode;
+using Util::HijackApi;
+
+namespace {
+
+constexpr char kName[] = "KIV.NODE";
+constexpr unsigned kPatient = 600'000;
+constexpr unsigned kUntouched = 4711;
+constexpr unsigned kBufferBytes = 8u << 20;
+
+using Reports = std::vector<Report>;
+using Clock = std::chrono::steady_clock;
+
+Report report(int level, const std::string& function, const std::string& text)
+{
+    return {kName, level, "Framework/GCL/private/HijackApi", function, text + "\n"};
+}
+
+const Report kConnecting = report(4, "connectToServer", "Connect to server");
+const Report kAgain = report(
+    4, "safeRead", "HijackApi::safeRead(), socket read() returned EAGAIN, read would be blocked");
+const Report kReadOk = report(6, "readFromNet", "HijackApi::read() message OK");
+
+Report announced(size_t size)
+{
+    return report(6, "readFromNet", "HijackApi::read, message legth: " + std::to_string(size));
+}
+
+Report outOfSequence(unsigned received, unsigned old)
+{
+    return report(2, "readFromNet",
+                  "HijackApi::read(), Sequence number " + std::to_string(received) +
+                      " not in sequence with old " + std::to_string(old));
+}
+
+Report wasReset()
+{
+    return report(1, "safeRead",
+                  std::string("HijackApi::safeRead(), socket read() returned -1, Error: ") +
+                      std::strerror(ECONNRESET));
+}
+
+unsigned char* bytesOf(std::string& text)
+{
+    return reinterpret_cast<unsigned char*>(&text[0]);
+}
+
+// A running node and a client that is connected to it.
+class Session {
+public:
+    explicit Session(const Options& options = {})
+        : node(options),
+          trace(kName, VorTraceLevel7),
+          api(trace, node.start(), kPatient, options.rxSyncId, options.txSyncId)
+    {
+        gcltest::setTraceLevel(kName, 7);
+        EXPECT_TRUE(api.connectToServer("127.0.0.1"));
+        EXPECT_EQ(takeReports(), Reports{kConnecting});
+    }
+    ~Session()
+    {
+        if (api.socketFd > 0) {
+            close(api.socketFd);
+        }
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    void reconnect()
+    {
+        close(api.socketFd);
+        EXPECT_TRUE(api.connectToServer("127.0.0.1"));
+        EXPECT_EQ(takeReports(), Reports{kConnecting});
+    }
+
+    void send(std::string bytes)
+    {
+        unsigned written = 0;
+        EXPECT_TRUE(api.writeToNet(bytesOf(bytes), static_cast<unsigned>(bytes.size()), &written));
+        EXPECT_EQ(written, bytes.size() + 12);
+    }
+
+    // Sends a payload and reads the answer into `payload` and `length`.
+    bool exchange(const std::string& bytes, unsigned limit = kBufferBytes)
+    {
+        send(bytes);
+        payload.assign(kBufferBytes, '-');
+        length = kUntouched;
+        const bool whole = api.readFromNet(bytesOf(payload), limit, &length);
+        if (whole) {
+            payload.resize(length);
+        }
+        return whole;
+    }
+
+    // An exchange whose answer is the payload itself; the messages are these and the usual two.
+    void expectEcho(const std::string& bytes, Reports before = {})
+    {
+        ASSERT_TRUE(exchange(bytes));
+        ASSERT_TRUE(payload == bytes) << "of " << bytes.size() << " bytes";
+        before.push_back(announced(bytes.size()));
+        before.push_back(kReadOk);
+        ASSERT_EQ(takeReports(), before);
+    }
+
+    PeerNode node;
+    VorTrace trace;
+    HijackApi api;
+    std::string payload;
+    unsigned length = 0;
+};
+
+} // namespace
+
+TEST(PeerNodeEcho, ReturnsFramesOfManySizes)
+{
+    Session session;
+    std::mt19937 random(7);
+    unsigned count = 0;
+    for (const size_t size : {0u, 1u, 11u, 12u, 13u, 4095u, 4096u, 65536u, 1u << 20, 5u << 20}) {
+        std::string payload(size, '\0');
+        for (char& byte : payload) {
+            byte = static_cast<char>(random());
+        }
+        session.expectEcho(payload);
+        ++count;
+    }
+    for (; count < 500; ++count) {
+        session.expectEcho(std::string(random() % 300, static_cast<char>(count)));
+    }
+    EXPECT_EQ(session.api.txSequenceNumber, count);
+    EXPECT_EQ(session.api.rxSequenceNumber, count);
+    session.node.stop();
+    EXPECT_EQ(session.node.framesReceived(), count);
+    EXPECT_EQ(session.node.framesSent(), count);
+}
+
+TEST(PeerNodeEcho, NumbersFromWhereItIsTold)
+{
+    Options options;
+    options.firstSequence = 0;
+    Session session(options);
+    session.expectEcho("a", {outOfSequence(0, 0)});
+    session.expectEcho("b");
+}
+
+TEST(PeerNodeEcho, WrapsItsNumbers)
+{
+    Options options;
+    options.firstSequence = 0xFFFFFFFF;
+    Session session(options);
+    session.expectEcho("a", {outOfSequence(0xFFFFFFFF, 0)});
+    session.expectEcho("b");
+    EXPECT_EQ(session.api.rxSequenceNumber, 0u);
+}
+
+TEST(PeerNodeEcho, GoesOnNumberingForTheNextClient)
+{
+    Session session;
+    session.expectEcho("first");
+    session.reconnect();
+    session.expectEcho("second");
+    session.reconnect();
+    session.expectEcho("third");
+    EXPECT_EQ(session.api.rxSequenceNumber, 3u);
+}
+
+TEST(PeerNodeEcho, HuntsForTheSyncId)
+{
+    Session session;
+    // Noise that begins like a frame, and the start of a frame that is too long to be one.
+    const std::string noise("noise\x43\x4C\x4E\x43\x4C", 10);
+    const std::string endless("\x43\x4C\x4E\x54\0\0\0\0\xFF\xFF\xFF\xFF", 12);
+    for (const std::string& bytes : {noise, endless, noise + endless + noise}) {
+        ASSERT_EQ(::send(session.api.socketFd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+        session.expectEcho("found");
+    }
+    session.node.stop();
+    EXPECT_EQ(session.node.framesReceived(), 3u);
+}
+
+TEST(PeerNodeFaults, GarbageIsSkipped)
+{
+    for (const uint32_t syncId : {0x4E4F4445u, 0xAAAAAAAAu, 0x000000ABu, 0xAAAAAABBu, 1u}) {
+        Options options;
+        options.garbageEvery = 2;
+        options.txSyncId = syncId;
+        Session session(options);
+        for (int i = 0; i < 6; ++i) {
+            session.expectEcho("payload");
+        }
+    }
+}
+
+TEST(PeerNodeFaults, SkippedNumbersAreReportedAndAccepted)
+{
+    Options options;
+    options.skipEvery = 3;
+    Session session(options);
+    session.expectEcho("1");
+    session.expectEcho("2");
+    session.expectEcho("4", {outOfSequence(4, 2)});
+    session.expectEcho("5");
+    session.expectEcho("6");
+    session.expectEcho("8", {outOfSequence(8, 6)});
+}
+
+TEST(PeerNodeFaults, RepeatedNumbersAreReportedAndAccepted)
+{
+    Options options;
+    options.repeatEvery = 3;
+    Session session(options);
+    session.expectEcho("1");
+    session.expectEcho("2");
+    session.expectEcho("2", {outOfSequence(2, 2)});
+    session.expectEcho("3");
+    session.expectEcho("4");
+    session.expectEcho("4", {outOfSequence(4, 4)});
+}
+
+TEST(PeerNodeFaults, OversizedFramesAreRefusedAndSkipped)
+{
+    Options options;
+    options.oversizeEvery = 2;
+    Session session(options);
+    for (int i = 0; i < 3; ++i) {
+        session.expectEcho("fits");
+        EXPECT_FALSE(session.exchange("does not fit", 100));
+        EXPECT_EQ(session.length, 0u);
+        EXPECT_EQ(takeReports(),
+                  Reports{report(1, "readFromNet",
+                                 "HijackApi::read(), Message length 4294967295 exceeds max buffer "
+                                 "length 100")});
+    }
+}
+
+TEST(PeerNodeFaults, AStalledFrameIsWaitedFor)
+{
+    Options options;
+    options.stallEvery = 2;
+    options.stallMs = 100;
+    Session session(options);
+    timeval timeout{};
+    timeout.tv_usec = 20'000;
+    ASSERT_EQ(setsockopt(session.api.socketFd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout),
+              0);
+    ASSERT_TRUE(session.exchange("quick"));
+    takeReports();
+    const std::string bytes(200, 's');
+    const auto start = Clock::now();
+    ASSERT_TRUE(session.exchange(bytes));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(90));
+    EXPECT_EQ(session.payload, bytes);
+    // The time ran out in the payload at least once; on a busy machine also before it.
+    Reports reports = takeReports();
+    ASSERT_GE(reports.size(), 3u);
+    EXPECT_EQ(reports[reports.size() - 2], kAgain);
+    EXPECT_EQ(reports.back(), kReadOk);
+}
+
+TEST(PeerNodeFaults, BytesThatComeOneByOneMakeUpAFrame)
+{
+    Options options;
+    options.byteByByte = true;
+    Session session(options);
+    session.expectEcho("");
+    session.expectEcho(std::string(1000, 'b'));
+}
+
+TEST(PeerNodeFaults, MayStrikeTogether)
+{
+    Options options;
+    options.byteByByte = true;
+    options.garbageEvery = 1;
+    options.skipEvery = 2;
+    options.stallEvery = 2;
+    options.stallMs = 5;
+    Session session(options);
+    session.expectEcho("1");
+    session.expectEcho("3", {outOfSequence(3, 1)});
+    session.expectEcho("4");
+}
+
+TEST(PeerNodeFaults, AResetInThePayloadFailsTheRead)
+{
+    Options options;
+    options.resetAfter = 2;
+    Session session(options);
+    session.expectEcho("1");
+    session.expectEcho("2");
+    EXPECT_FALSE(session.exchange(std::string(100, 'r')));
+    EXPECT_EQ(session.length, 0u);
+    EXPECT_EQ(takeReports(),
+              (Reports{announced(100), wasReset(),
+                       report(1, "readFromNet",
+                              "HijackApi::read(), safeRead() return wrong  number of bytes for "
+                              "msg")}));
+    // The number of the frame that was cut off is used again, and the client has seen it.
+    session.reconnect();
+    session.expectEcho("3", {outOfSequence(3, 3)});
+    session.node.stop();
+    EXPECT_EQ(session.node.framesReceived(), 4u);
+    EXPECT_EQ(session.node.framesSent(), 3u);
+}
+
+TEST(PeerNodeFaults, AResetInTheHeaderFailsTheRead)
+{
+    Options options;
+    options.resetAfter = 1;
+    Session session(options);
+    session.expectEcho("1");
+    EXPECT_FALSE(session.exchange(""));
+    EXPECT_EQ(session.length, kUntouched);
+    EXPECT_EQ(session.api.rxSequenceNumber, 1u);
+    EXPECT_EQ(takeReports(),
+              (Reports{wasReset(),
+                       report(1, "readFromNet",
+                              "HijackApi::read(), safeRead() return wrong number of bytes for "
+                              "sequenceNumber")}));
+}
+
+TEST(PeerNodeFaults, APeerThatNeverReadsFailsTheWrite)
+{
+    const auto previous = std::signal(SIGPIPE, SIG_IGN);
+    Options options;
+    options.stallEvery = 1;
+    options.stallMs = 3'600'000;
+    Session session(options);
+    timeval timeout{};
+    timeout.tv_usec = 50'000;
+    ASSERT_EQ(setsockopt(session.api.socketFd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout),
+              0);
+    std::string bytes(1u << 20, 'w');
+    const auto length = static_cast<unsigned>(bytes.size());
+    const Report blocked =
+        report(1, "writeToNet",
+               std::string("Socket writev() returned -1, error: ") + std::strerror(EAGAIN));
+    const std::string shortEnd = " expecting " + std::to_string(length + 12) + "\n";
+    // Whole frames go out until the buffers between the two are full, then parts of frames, and
+    // at last there is no room for a single byte. The kernel may enlarge the buffers in between.
+    Reports reports;
+    for (int i = 0; i < 1000 && reports != Reports{blocked}; ++i) {
+        const uint32_t number = session.api.txSequenceNumber;
+        unsigned written = kUntouched;
+        const bool whole = session.api.writeToNet(bytesOf(bytes), length, &written);
+        EXPECT_EQ(written, whole ? length + 12 : kUntouched);
+        EXPECT_EQ(session.api.txSequenceNumber, whole ? number + 1 : number);
+        reports = takeReports();
+        ASSERT_EQ(reports.size(), whole ? 0u : 1u);
+        if (!whole && reports[0].level == 3) {
+            EXPECT_EQ(reports[0].text.rfind("Socket writev() returned ", 0), 0u);
+            EXPECT_NE(reports[0].text.find(shortEnd), std::string::npos) << reports[0];
+        }
+    }
+    EXPECT_EQ(reports, Reports{blocked});
+    // The node can be stopped in the middle of its pause.
+    const auto start = Clock::now();
+    session.node.stop();
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(session.node.framesSent(), 0u);
+    std::signal(SIGPIPE, previous);
+}
+
+TEST(PeerNodePrint, WritesALineForEachFrame)
+{
+    std::ostringstream output;
+    Options options;
+    options.mode = peernode::Mode::print;
+    options.output = &output;
+    options.once = true;
+    {
+        Session session(options);
+        session.send("");
+        session.send(std::string("\0\x7F\xFFz", 4));
+        session.send(std::string(33, 'x'));
+        shutdown(session.api.socketFd, SHUT_WR);
+        session.node.wait();
+        EXPECT_EQ(session.node.framesReceived(), 3u);
+        EXPECT_EQ(session.node.framesSent(), 0u);
+    }
+    std::string many;
+    for (int i = 0; i < 32; ++i) {
+        many += " 78";
+    }
+    EXPECT_EQ(output.str(), "frame 0, 0 bytes:\nframe 1, 4 bytes: 00 7f ff 7a\nframe 2, 33 bytes:" +
+                                many + " ...\n");
+}
+
+TEST(PeerNodeLife, EndsAfterTheFirstClientIfTold)
+{
+    Options options;
+    options.once = true;
+    Session session(options);
+    session.expectEcho("only");
+    close(session.api.socketFd);
+    session.api.socketFd = -1;
+    session.node.wait();
+    EXPECT_EQ(session.node.framesSent(), 1u);
+}
+
+TEST(PeerNodeLife, StopsWhateverItIsDoing)
+{
+    PeerNode unstarted{Options()};
+    unstarted.stop();
+    PeerNode idle{Options()};
+    EXPECT_NE(idle.start(), 0);
+    idle.stop();
+    idle.stop();
+    Session connected;
+    connected.expectEcho("x");
+    connected.node.stop();
+}
+
+TEST(PeerNodeLife, RefusesAnAddressThatIsNotNumeric)
+{
+    Options options;
+    options.listenAddress = "localhost";
+    PeerNode node(options);
+    EXPECT_THROW(node.start(), std::invalid_argument);
+}
+
+TEST(PeerNodeLife, RefusesAPortThatIsTaken)
+{
+    PeerNode first{Options()};
+    Options options;
+    options.port = first.start();
+    PeerNode second(options);
+    EXPECT_THROW(second.start(), std::system_error);
+}
