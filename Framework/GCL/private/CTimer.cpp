@@ -29,6 +29,10 @@ constexpr size_t kMaxNameLength = 15;
 // By contract: one below the accepted length, so that a name of 15 characters loses its last one.
 constexpr size_t kKeptNameLength = 14;
 
+// Forced unwinding (pthread_exit, cancellation) has no exception object: the reference of its
+// handler binds to nothing, which UndefinedBehaviorSanitizer must not take for an error.
+#define CATCHES_FORCED_UNWINDING __attribute__((no_sanitize("null")))
+
 // --- Tracing ---------------------------------------------------------------------------------
 
 // TraceGate tells whether the trace object exists, and keeps it from being destroyed under a thread
@@ -145,7 +149,8 @@ void logMsgData(const char* data, size_t length)
 
 // The trace step. A message for which there is no memory is dropped: timers work on without it.
 template <typename Text>
-void writeTrace(VorTraceLevel level, const VorTraceHeader& site, const Text& buildText)
+CATCHES_FORCED_UNWINDING void writeTrace(VorTraceLevel level, const VorTraceHeader& site,
+                                         const Text& buildText)
 {
     const gcl::ErrnoSaver errnoSaver;
     const TracePass pass(level);
@@ -301,6 +306,7 @@ private:
     bool hasWorker;
 };
 
+CATCHES_FORCED_UNWINDING
 CTimer::Impl::Impl(std::function<void(void*)> callbackToRun, void* callbackArg,
                    const std::string& keptName, CTimer::Policy policy, int priority)
     : callback(std::move(callbackToRun)),
@@ -399,6 +405,7 @@ void CTimer::Impl::wait_for_thread()
     }
 }
 
+CATCHES_FORCED_UNWINDING
 void CTimer::Impl::timer_thread_function()
 {
     keepLibraryMappedForThisThread();
@@ -437,6 +444,7 @@ void CTimer::Impl::run_until_terminated(std::unique_lock<std::mutex>& lock)
     }
 }
 
+CATCHES_FORCED_UNWINDING
 void CTimer::Impl::timer_callback_catch_exceptions(std::unique_lock<std::mutex>& lock)
 {
     lock.unlock();
