@@ -50,8 +50,7 @@ class LeakListener : public testing::EmptyTestEventListener {
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    // ThreadSanitizer adds a thread of its own to the first one, which would be counted as left
-    // over by the first case with threads.
+    // The thread sanitizer starts a thread of its own with the first one of the program.
     std::thread([] {}).join();
     testing::UnitTest::GetInstance()->listeners().Append(new LeakListener);
     return RUN_ALL_TESTS();
