@@ -41,6 +41,34 @@ TEST(CTimerStress, ATimerOfAStaticObjectWorks)
     EXPECT_NE(gcltest::implOf(early.timer), nullptr);
 }
 
+// ThreadSanitizer and AddressSanitizer are not ready at that time themselves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+// Runs before the library's own objects are built.
+int beforeTheTraceObject = 0;
+void useTimersBeforeTheTraceObject(int, char**, char**)
+{
+    const CTimer refused([](void*) {}, nullptr, "", CTimer::Cyclic);
+    CTimer timer([](void*) { throw ++beforeTheTraceObject; }, nullptr, "first", CTimer::NonCyclic);
+    timer.start(Milliseconds(0));
+    while (timer.isRunning()) {
+        pause(1);
+    }
+}
+__attribute__((section(".preinit_array"),
+               used)) void (*const preinit)(int, char**, char**) = useTimersBeforeTheTraceObject;
+
+TEST(CTimerStress, TimersOlderThanTheTraceObjectWorkSilently)
+{
+    EXPECT_EQ(beforeTheTraceObject, 1);
+    EXPECT_EQ(takeReports(), std::vector<gcltest::Report>{});
+    EXPECT_EQ(gcltest::takeCalls(), std::vector<std::string>{});
+    const CTimer refused([](void*) {}, nullptr, "", CTimer::Cyclic);
+    EXPECT_EQ(takeReports().size(), 1u); // it exists now
+}
+
+#endif
+
 // --- Many threads ------------------------------------------------------------------------------
 
 TEST(CTimerStress, HundredsOfTimersComeAndGo)
