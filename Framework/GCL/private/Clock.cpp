@@ -2,6 +2,7 @@
 // than the rest of the library, and inline functions of theirs must not be mixed.
 #include "Framework/GCL/private/Clock.h"
 
+#include <cerrno>
 #include <ctime>
 
 namespace {
@@ -28,8 +29,13 @@ void waitUntilNs(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t dueN
     due.tv_sec = dueNs / kNsPerSecond;
     due.tv_nsec = static_cast<decltype(due.tv_nsec)>(dueNs % kNsPerSecond);
     // Time-out, wake-up and refusal of a time before the epoch are all the same to the callers,
-    // who look at the clock and at their state anyway.
-    static_cast<void>(pthread_cond_timedwait(condition, mutex, &due));
+    // who look at the clock and at their state anyway. An old kernel on a 32-bit processor refuses
+    // times that do not fit into 32 bits; it waits as long as it can then, so that nobody spins.
+    if (pthread_cond_timedwait(condition, mutex, &due) == EOVERFLOW) {
+        due.tv_sec = INT32_MAX;
+        due.tv_nsec = 0;
+        static_cast<void>(pthread_cond_timedwait(condition, mutex, &due));
+    }
 }
 
 } // namespace gcl
