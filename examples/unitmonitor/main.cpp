@@ -1,14 +1,17 @@
 // unit-monitor: a program of the kind that a unit's software module is, on real input: the
 // processes and the load of the machine that it runs on.
+#include <getopt.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "Framework/GCL/CList.h"
-#include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/TraceChannels.h"
+#include "examples/unitmonitor/Monitor.h"
 #include "examples/unitmonitor/ProcessList.h"
 
 namespace {
@@ -69,13 +72,84 @@ void showReports()
     CList_Destruct(&list);
 }
 
+constexpr char kUsage[] =
+    "Usage: unit-monitor [OPTION...]\n"
+    "Watches the machine that it runs on, with every module of the library.\n"
+    "\n"
+    "  -s, --seconds=N    run for N seconds (default 3)\n"
+    "  -p, --period=MS    take samples every MS milliseconds (default 250)\n"
+    "  -c, --console=PORT answer questions on TCP port PORT (default 4680), on every address;\n"
+    "                     try: nc 127.0.0.1 4680\n"
+    "  -h, --help         show this text\n"
+    "\n"
+    "VT_OUTPUT and VT_LEVELS say where its traces go and which are written (see VT.h).\n";
+
+constexpr int kBadUsage = 2;
+
+// The number from 1 to `most` that an option was given; it ends the program if that is none.
+int numberOf(const char* option, const char* text, long most)
+{
+    char* rest = nullptr;
+    const long number = std::strtol(text, &rest, 10);
+    if (*text == '\0' || *rest != '\0' || number < 1 || number > most) {
+        std::fprintf(stderr, "unit-monitor: %s takes a number from 1 to %ld, not '%s'\n", option,
+                     most, text);
+        std::exit(kBadUsage);
+    }
+    return static_cast<int>(number);
+}
+
+unitmonitor::MonitorOptions parseOptions(int argc, char** argv)
+{
+    const option longOptions[] = {{"seconds", required_argument, nullptr, 's'},
+                                  {"period", required_argument, nullptr, 'p'},
+                                  {"console", required_argument, nullptr, 'c'},
+                                  {"help", no_argument, nullptr, 'h'},
+                                  {nullptr, 0, nullptr, 0}};
+    unitmonitor::MonitorOptions options;
+    for (int letter = 0; letter != -1;) {
+        letter = getopt_long(argc, argv, "s:p:c:h", longOptions, nullptr);
+        switch (letter) {
+        case -1:
+            break;
+        case 's':
+            options.duration = std::chrono::seconds(numberOf("--seconds", optarg, 1000000));
+            break;
+        case 'p':
+            options.period = std::chrono::milliseconds(numberOf("--period", optarg, 1000000));
+            break;
+        case 'c':
+            options.consolePort = numberOf("--console", optarg, 65535);
+            break;
+        case 'h':
+            std::fputs(kUsage, stdout);
+            std::exit(EXIT_SUCCESS);
+        default:
+            std::exit(kBadUsage); // getopt_long has said what is wrong
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "unit-monitor: '%s' is not an option; see --help\n", argv[optind]);
+        std::exit(kBadUsage);
+    }
+    return options;
+}
+
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
-    if (!showProcesses()) {
+    try {
+        const unitmonitor::MonitorOptions options = parseOptions(argc, argv);
+        if (!showProcesses()) {
+            return EXIT_FAILURE;
+        }
+        showReports();
+        // From here on failures and warnings only: a connection that closes tells how it went, too.
+        GCL_trace.threshold = 2;
+        return unitmonitor::runMonitor(options) ? EXIT_SUCCESS : EXIT_FAILURE;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "unit-monitor: %s\n", error.what());
         return EXIT_FAILURE;
     }
-    showReports();
-    return EXIT_SUCCESS;
 }
