@@ -226,11 +226,11 @@ uint16_t PeerNode::start()
     return ntohs(address.sin_port);
 }
 
-void PeerNode::requestStop() noexcept
+void PeerNode::requestStop() const noexcept
 {
     const int savedErrno = errno;
     // A full pipe holds a request already.
-    static_cast<void>(!write(wakeWriter.fd, "", 1));
+    [[maybe_unused]] const ssize_t written = write(wakeWriter.fd, "", 1);
     errno = savedErrno;
 }
 

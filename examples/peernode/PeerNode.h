@@ -65,7 +65,7 @@ public:
     // cannot be had or the thread not be started.
     uint16_t start();
     // Asks the node to end as soon as it can, whatever it is doing. Safe in a signal handler.
-    void requestStop() noexcept;
+    void requestStop() const noexcept;
     // Waits until the node has ended: after requestStop, or with Options::once after a client.
     void wait();
     // Both.

@@ -28,7 +28,7 @@ constexpr uint32_t kLastSamples = 8; // that the store keeps
 // The hand-over from the timer's thread to the consumer's: addresses of samples.
 class HandOver {
 public:
-    HandOver() { CFifoBuffer_Construct(&fifo, sizeof(Sample*), kQueued, eTaskingModeSemaphore); }
+    HandOver() { CFifoBuffer_Construct(&fifo, sizeof(void*), kQueued, eTaskingModeSemaphore); }
     ~HandOver() { CFifoBuffer_Destruct(&fifo); }
     HandOver(const HandOver&) = delete;
     HandOver& operator=(const HandOver&) = delete;

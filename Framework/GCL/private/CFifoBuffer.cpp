@@ -244,7 +244,8 @@ void CFifoBuffer_Construct(CFifoBuffer* pThis, uint32_t uiElementSize, uint32_t 
     pThis->uiReadIndex = 0;
     pThis->pBuffer = nullptr; // so that Destruct is safe if there is no memory
     // By contract: the size of the ring is computed in 32 bits and may wrap.
-    pThis->pBuffer = new unsigned char[uiCapacity * uiElementSize];
+    const uint32_t ringSize = uiCapacity * uiElementSize;
+    pThis->pBuffer = new unsigned char[ringSize];
     pThis->eMode = eMode;
     if (eMode == eTaskingModeSemaphore) {
         // By contract: the first semaphore that cannot be made ends the construction; nothing that

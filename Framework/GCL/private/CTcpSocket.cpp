@@ -102,7 +102,7 @@ gcl::Descriptor connectToFirst(const addrinfo* entry)
 // here and *ppThis is as it was.
 void handOver(gcl::Descriptor& connected, int32_t port, uint32_t maxMsgSize, CTcpSocket** ppThis)
 {
-    CTcpSocket* const created = new CTcpSocket[1];
+    auto* const created = new CTcpSocket[1];
     *ppThis = created;
     CTcpSocket_Construct(created, connected.release(), port, maxMsgSize);
 }
@@ -120,7 +120,7 @@ public:
         index = static_cast<size_t>(descriptor) / kWordBits;
         bit = 1UL << (static_cast<size_t>(descriptor) % kWordBits);
         if (index >= std::size(few)) {
-            many.reset(new unsigned long[index + 1]());
+            many = std::make_unique<unsigned long[]>(index + 1);
             words = many.get();
         }
         words[index] = bit;
@@ -404,7 +404,7 @@ uint32_t CTcpSocket_ReadZT(CTcpSocket* pThis, char* pszBuffer, int32_t* piDataLe
     // A length above the maximum, both signed, will be refused: of the scratch only the first byte,
     // a zero, then matters to the copy. A maximum of 2^31 and more is negative, and no guide to a
     // size.
-    size_t scratchSize = static_cast<size_t>(*piDataLen);
+    auto scratchSize = static_cast<size_t>(*piDataLen);
     if (static_cast<int32_t>(maxMsgSize) < *piDataLen) {
         scratchSize = static_cast<int32_t>(maxMsgSize) < 0 ? 1 : size_t{maxMsgSize} + 1;
     }

@@ -659,7 +659,7 @@ CTimer::CTimer(std::function<void(void*)> callback, void* userArg, const std::st
 {
 }
 
-CTimer::CTimer(CTimer&& other) noexcept : ICTimer(), impl(std::exchange(other.impl, nullptr)) {}
+CTimer::CTimer(CTimer&& other) noexcept : impl(std::exchange(other.impl, nullptr)) {}
 
 CTimer& CTimer::operator=(CTimer&& other) noexcept
 {

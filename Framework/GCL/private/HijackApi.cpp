@@ -127,7 +127,7 @@ HijackApi::HijackApi(VorTrace& traceObject, unsigned short serverPort, unsigned 
 }
 
 // By contract: the socket outlives the client unless its owner closes it.
-HijackApi::~HijackApi() {}
+HijackApi::~HijackApi() = default;
 
 bool HijackApi::connectToServer(const std::string& serverAddr)
 {
@@ -196,7 +196,9 @@ bool HijackApi::writeToNet(unsigned char* payload, unsigned length, unsigned* wr
 bool HijackApi::readFromNet(unsigned char* buffer, unsigned bufferLength, unsigned* msgLen)
 {
     unsigned unwantedLength = 0;
-    unsigned& storedLength = msgLen != nullptr ? *msgLen : unwantedLength;
+    if (msgLen == nullptr) {
+        msgLen = &unwantedLength;
+    }
 
     const auto start = std::chrono::steady_clock::now();
     if (!safeReadSyncId()) {
@@ -232,12 +234,12 @@ bool HijackApi::readFromNet(unsigned char* buffer, unsigned bufferLength, unsign
         return false;
     }
     const uint32_t msgSize = bigEndianWord(word);
-    storedLength = msgSize;
+    *msgLen = msgSize;
     if (bufferLength < msgSize) {
         // The payload stays in the stream: the next search skips it.
         GCL_TRACE(VorTraceLevel1, "HijackApi::read(), Message length ", msgSize,
                   " exceeds max buffer length ", bufferLength);
-        storedLength = 0;
+        *msgLen = 0;
         return false;
     }
     GCL_TRACE(VorTraceLevel6, "HijackApi::read, message legth: ", msgSize);
@@ -247,7 +249,7 @@ bool HijackApi::readFromNet(unsigned char* buffer, unsigned bufferLength, unsign
     if (signedSize > safeRead(buffer, signedSize)) {
         GCL_TRACE(VorTraceLevel1,
                   "HijackApi::read(), safeRead() return wrong  number of bytes for msg");
-        storedLength = 0;
+        *msgLen = 0;
         return false;
     }
     GCL_TRACE(VorTraceLevel6, "HijackApi::read() message OK");

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr unsigned kMsPerSecond = 1000;
-constexpr unsigned kNsPerMs = 1'000'000;
+constexpr long kNsPerMs = 1'000'000;
 
 // By contract: a sleep is resumed while nanosleep *returns* 4, the number of EINTR. An interrupted
 // nanosleep returns -1 and says EINTR in errno, so that a signal ends the sleep early.
@@ -25,7 +25,7 @@ void SleepApi::sleepMs(unsigned int milliseconds)
 {
     timespec request{};
     request.tv_sec = static_cast<time_t>(milliseconds / kMsPerSecond);
-    request.tv_nsec = static_cast<long>((milliseconds % kMsPerSecond) * kNsPerMs);
+    request.tv_nsec = static_cast<long>(milliseconds % kMsPerSecond) * kNsPerMs;
     timespec remainder{};
     int result = nanosleep(&request, &remainder);
     while (result == kResumeResult) {
