@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <deque>
 #include <new>
@@ -351,12 +352,14 @@ TEST(CListPopTail, LeavesTheTailEmptyWhereTheSizeSaysThereIsMore)
 {
     OwnedList list{1};
     CListNode* const inserted = new CListNode[1]{{2, nullptr}};
+    const CListNode* const head = list->pHead;
     list->pHead->pNext = inserted; // behind the node that pTail names
     list->uiSize = 2;
     unsigned long item = 0;
     EXPECT_EQ(CList_PopTail(&list, &item), GCL_OK);
     EXPECT_EQ(item, 1u);
     EXPECT_EQ(list->pTail, nullptr);
+    EXPECT_EQ(list->pHead, head); // names the freed node
     EXPECT_EQ(list->uiSize, 1u);
     delete[] inserted;
     CList_Construct(&list);
@@ -449,6 +452,20 @@ TEST(CListGetNext, ClearsTheItemAndReportsANullList)
     EXPECT_EQ(position, &node);
     EXPECT_EQ(takeReports(),
               (std::vector<Report>{gclReport("CList", "CList_GetNext", "pThis is NULL!", 0x8008)}));
+}
+
+TEST(CListGetNext, ReportsNothingOnASilencedChannel)
+{
+    // The program's write must reach the object that the library reads.
+    GCL_trace.threshold = 0;
+    unsigned long item = 77;
+    EXPECT_EQ(CList_GetNext(nullptr, &item, nullptr), 0x8008u);
+    EXPECT_EQ(item, 0u);
+    expectSilence();
+    GCL_trace.threshold = 1;
+    EXPECT_EQ(CList_GetNext(nullptr, &item, nullptr), 0x8008u);
+    EXPECT_EQ(takeReports().size(), 1u);
+    GCL_trace.threshold = 0x1003;
 }
 
 TEST(CListGetNext, RefusesANullPositionSilentlyWithTheItemCleared)
@@ -586,6 +603,25 @@ TEST(CListRemove, RemovesAListOfNothingElse)
     expectConsistent(list.list);
 }
 
+TEST(CListRemove, MovesTheTailOnlyIfItsNodeGoes)
+{
+    OwnedList list{1, 2};
+    ASSERT_EQ(CList_InsertAfter(&list, 3, list->pTail), GCL_OK); // behind the tail
+    EXPECT_EQ(CList_Remove(&list, 3), GCL_OK);
+    EXPECT_EQ(list->pTail, list->pHead->pNext);
+    ASSERT_EQ(CList_InsertAfter(&list, 3, list->pTail), GCL_OK);
+    EXPECT_EQ(CList_Remove(&list, 2), GCL_OK);
+    EXPECT_EQ(itemsOf(list.list), (Items{1, 3}));
+    EXPECT_EQ(list->pTail, list->pHead);
+}
+
+TEST(CListRemove, ComparesWholeWords)
+{
+    OwnedList list{ULONG_MAX, ULONG_MAX / 2};
+    EXPECT_EQ(CList_Remove(&list, ULONG_MAX / 2), GCL_OK);
+    EXPECT_EQ(itemsOf(list.list), Items{ULONG_MAX});
+}
+
 TEST(CListRemove, FailsSilently)
 {
     EXPECT_EQ(CList_Remove(nullptr, 1), 0x8000u);
@@ -709,6 +745,15 @@ TEST(CListFind, ReadsTheMatchFunctionAnewForEachItem)
     EXPECT_EQ(position, list->pHead->pNext);
 }
 
+TEST(CListFindNext, ReadsTheMatchFunctionAnewForEachItem)
+{
+    OwnedList list{1, 1};
+    switchedMatcher.pfnMatch = matchNoneAndSwitch;
+    CListNode* position = list->pHead;
+    EXPECT_EQ(CList_FindNext(&list, 1, &switchedMatcher, &position), 1u);
+    EXPECT_EQ(position, list->pHead->pNext);
+}
+
 TEST(CListFindNext, FindsTheSameNodeAgain)
 {
     OwnedList list{1, 12, 22};
@@ -781,6 +826,19 @@ TEST(CListPrintScalar, PrintsSignedDecimals)
     testing::internal::CaptureStdout();
     EXPECT_GE(CList_PrintScalar(&list, 2), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[10, -1, 3]\n");
+}
+
+TEST(CListPrintScalar, PrintsWholeWords)
+{
+    const unsigned long item = ULONG_MAX / 2;
+    OwnedList list{item};
+    testing::internal::CaptureStdout();
+    EXPECT_GE(CList_PrintScalar(&list, 1), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[" + std::to_string(item) + "]\n");
+    testing::internal::CaptureStdout();
+    EXPECT_GE(CList_PrintScalar(&list, 0), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[0x7" + std::string(2 * sizeof item - 1, 'F') + "]\n");
 }
 
 TEST(CListPrintScalar, PrintsAnEmptyList)

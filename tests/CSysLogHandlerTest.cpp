@@ -4,7 +4,10 @@
 
 #include <syslog.h>
 
+#include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/FaultInjection.h"
@@ -136,6 +139,50 @@ TEST_F(CSysLogHandlerLog, PrintsPercentSignsOfLabelAndMessageAsTheyAre)
 {
     CSysLogHandler_Log("100%s", "a%n/b%d", 1, 0x8000, "%s", "%x");
     EXPECT_EQ(entries, (std::vector<Entry>{{3, "100%s: b%d (1): %x, code: 8000\n"}}));
+}
+
+TEST_F(CSysLogHandlerLog, LeavesOpeningTheLogToTheProcess)
+{
+    const gcltest::Count opened(calls::openlog);
+    const gcltest::Count masked(calls::setlogmask);
+    log(0x8000);
+    EXPECT_EQ(entries.size(), 1u);
+    EXPECT_EQ(opened.calls() + masked.calls(), 0u);
+}
+
+TEST(CSysLogHandlerLogThreads, KeepTheirMessagesApart)
+{
+    constexpr int kThreads = 4;
+    constexpr int kEach = 500;
+    std::mutex mutex;
+    std::map<std::string, int> counts;
+    const gcltest::Hook hook(
+        calls::syslog,
+        [&](int, const char* text) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            ++counts[text];
+        },
+        gcltest::Threads::all);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([thread] {
+            const std::string message(300, static_cast<char>('a' + thread));
+            for (int i = 0; i < kEach; ++i) {
+                CSysLogHandler_Log("L", "f", thread, 0x8000, "%s", message.c_str());
+                CSysLogHandler_SetLogLevel(0x1000 + static_cast<uint32_t>(i));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(counts.size(), static_cast<size_t>(kThreads));
+    for (int thread = 0; thread < kThreads; ++thread) {
+        const std::string message(300, static_cast<char>('a' + thread));
+        EXPECT_EQ(counts["L: f (" + std::to_string(thread) + "): " + message + ", code: 8000\n"],
+                  kEach);
+    }
+    CSysLogHandler_SetLogLevel(0x1000);
 }
 
 TEST(CSysLogHandlerLogLevel, StartsAtTheWarningsAndKeepsTheLastValue)

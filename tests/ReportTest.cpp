@@ -72,8 +72,9 @@ TEST_F(ReportStep, WritesTheMessageThenTheCodeAndYieldsTheCode)
     EXPECT_EQ(reportCode(0x8010), 0x8010u);
     EXPECT_EQ(takeReports(), (std::vector<Report>{{"KIV.GCL", 1, "Framework/GCL/private/Sample",
                                                    "reportCode", "level 1      code: 0x8010\n"}}));
-    EXPECT_EQ(takeCalls(), (std::vector<std::string>{"begin KIV.GCL 1", "printf level %d",
-                                                     "printf       code: %#lx\n", "end KIV.GCL"}));
+    EXPECT_EQ(takeCalls(),
+              (std::vector<std::string>{"begin KIV.GCL 1", "printf KIV.GCL level %d",
+                                        "printf KIV.GCL       code: %#lx\n", "end KIV.GCL"}));
 }
 
 TEST_F(ReportStep, WritesTheCodeZeroWithoutAPrefix)

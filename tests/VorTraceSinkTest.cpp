@@ -473,6 +473,31 @@ TEST(VorTraceSinkThreads, MayForkWhileOthersReport)
                             onChannel("parent, child " + std::to_string(child.pid))}));
 }
 
+TEST(VorTraceSinkThreads, MayForkWhileABadVariableIsNamed)
+{
+    const Outcome outcome = run("forkWhileComplaining", {{"VT_LEVELS", "bad"}});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    // The child names the entry for itself.
+    const std::string complaint = "VorTrace: VT_LEVELS: \"bad\" is not name=level and is ignored";
+    const Lines lines = linesOf(outcome.err);
+    ASSERT_EQ(lines.size(), 4u) << outcome.err;
+    EXPECT_EQ(lines[0], complaint);
+    EXPECT_EQ(parse(lines[1]).rest, onChannel("child"));
+    EXPECT_EQ(lines[2], complaint);
+    EXPECT_EQ(parse(lines[3]).rest, onChannel("slow"));
+}
+
+TEST(VorTraceSinkThreads, KeepTheirOpenMessageOverAFork)
+{
+    EXPECT_EQ(restsOf("forkWithAnOpenMessage"),
+              (Lines{onChannel("child"), onChannel("begun before the fork, ended after it")}));
+}
+
+TEST(VorTraceSinkLevels, LookAtNoThreshold)
+{
+    EXPECT_EQ(restsOf("silencedChannel"), (Lines{"KIV.SILENCED 1 dir/File:12 function: written"}));
+}
+
 TEST(VorTraceSinkLevels, PassEveryChannelMessageWithoutASetting)
 {
     for (const Environment& environment : {Environment{}, Environment{{"VT_LEVELS", ""}}}) {

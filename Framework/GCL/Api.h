@@ -2,6 +2,8 @@
 #ifndef GCL_API_H
 #define GCL_API_H
 
+#include <stdint.h> // the integer types of the interface
+
 // GCL_API marks what libKivGCL.so exports; everything else in it is hidden.
 #define GCL_API __attribute__((visibility("default")))
 

@@ -44,7 +44,7 @@ typedef struct CListMatcher {
 GCL_API void CList_Construct(CList* pThis);
 
 // CList_Destruct frees every node and leaves the list empty and usable. A NULL pThis is allowed.
-// The list must not be a ring (see CList_InsertAt) nor end in a freed node (see CList_RemoveAt).
+// The list must not be a ring (see CList_InsertAt) nor begin with a freed node (see CList_PopTail).
 GCL_API void CList_Destruct(CList* pThis);
 
 // CList_IsEmpty returns 1 if uiSize is 0, else 0.
@@ -88,7 +88,9 @@ GCL_API uint32_t CList_GetHead(const CList* pThis, unsigned long* pulItem);
 GCL_API uint32_t CList_PushTail(CList* pThis, unsigned long ulItem);
 
 // CList_PopTail removes the node that pTail names and stores its item in *pulItem. It walks to the
-// node before it: linear time. Nodes that CList_InsertAfter put behind pTail are lost with it.
+// node before it: linear time. Nodes that CList_InsertAfter put behind pTail are lost with it, and
+// uiSize keeps counting them. If pTail is the first node although uiSize is above 1, pHead is left
+// naming the freed node: the list must be constructed anew before any other call.
 //   GCL_OK                removed
 //   GCL_INVALID_ARGUMENT  pThis or pulItem is NULL (silent)
 //   GCL_LIST_EMPTY        uiSize is 0 (silent)
@@ -112,7 +114,8 @@ GCL_API uint32_t CList_StartIterationFromHead(const CList* pThis, CListNode** pp
 
 // CList_InsertAfter inserts ulItem behind the node at pPosition. Constant time, one allocation.
 // pTail stays where it is even if pPosition is the last node: the new node is then found by
-// walking, but not by CList_GetTail, and the next CList_PushTail cuts it off the list (it leaks).
+// walking, but not by CList_GetTail, and the next CList_PushTail cuts it off the list (it leaks,
+// and uiSize keeps counting it).
 //   GCL_OK                inserted
 //   GCL_INVALID_ARGUMENT  pThis or pPosition is NULL (silent)
 GCL_API uint32_t CList_InsertAfter(CList* pThis, unsigned long ulItem, CListNode* pPosition);
@@ -130,8 +133,9 @@ GCL_API uint32_t CList_GetNext(const CList* pThis, unsigned long* pulItem, CList
 // time, one allocation. It never appends.
 // With index 0 the new node and the first node form a ring: each names the other as its next, the
 // first node stays first, and the nodes that followed it can no longer be reached from the list.
-// CList_Remove refuses such a list; walks and CList_Destruct must not be used on it until the
-// caller has mended the links. Use CList_PushHead to insert at the front.
+// CList_Remove refuses such a list. CList_Destruct must not be used on it, and CList_PopTail,
+// CList_ItemExists, the searches, CList_PrintScalar and a walk of the caller's may never end, until
+// the caller has mended the links. Use CList_PushHead to insert at the front.
 //   GCL_OK                   inserted
 //   GCL_INDEX_OUT_OF_RANGE   there is no node number uiIndex, or the list is empty (silent)
 GCL_API uint32_t CList_InsertAt(CList* pThis, uint32_t uiIndex, unsigned long ulItem);

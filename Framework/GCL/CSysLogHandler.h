@@ -21,7 +21,8 @@ GCL_C_BEGIN
 //             LOG_WARNING from 0x1000 to 0x7FFF, LOG_NOTICE for every other code. No facility is
 //             given and the log is never opened, so those of the process hold (openlog(3)).
 //   szFormat  as for printf(3), with its arguments; a message is cut after 383 characters
-// The texts must not be NULL. The caller keeps them.
+// The texts must not be NULL. The caller keeps them. A message that cannot be formatted is empty or
+// cut. The call may block and is a cancellation point where syslog(3) is, and may change errno.
 GCL_API void CSysLogHandler_Log(const char* szLabel, const char* szFile, int32_t iLine,
                                 uint32_t uiCode, const char* szFormat, ...)
     __attribute__((format(printf, 5, 6)));

@@ -7,6 +7,8 @@
 #ifndef GCL_RESULTCODES_H
 #define GCL_RESULTCODES_H
 
+#include <stdint.h>
+
 enum GCL_ResultCode {
     GCL_OK = 0x0000, // success
 
@@ -42,7 +44,8 @@ enum GCL_ResultCode {
     GCL_MUTEX_FAILED = 0x801A          // locking or releasing a FIFO's mutex failed
 };
 
-// GCL_IS_FAILURE is true for the codes that mean failure, false for success, notice and warning.
+// GCL_IS_FAILURE is true for the codes (of the type uint32_t) that mean failure, false for success,
+// notice and warning.
 #define GCL_IS_FAILURE(code) ((code) >= 0x8000u)
 
 #endif // GCL_RESULTCODES_H

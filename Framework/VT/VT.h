@@ -30,11 +30,13 @@
 //              3 LOG_NOTICE, 4 and 5 LOG_INFO, 6 and 7 LOG_DEBUG
 //     <path>   a file, made with the mode 0666 less the umask if there is none, and appended to.
 //              If it cannot be opened, standard error says so once and is used instead.
-//   VT_LEVELS  comma-separated entries `name=level`, blanks around each part allowed, the level a
+//   VT_LEVELS  looked at with the first message, question for a level or call of VT_setLevel:
+//              comma-separated entries `name=level`, blanks around each part allowed, the level a
 //              decimal 32-bit number: messages on that channel or trace object above the level are
 //              dropped. The name `*` stands for all that have no entry. Of two entries for a name
-//              the last holds. A bad entry is named once on standard error and ignored. Without an
-//              entry every message on a channel passes; a VorTrace object starts at its own level.
+//              the last holds. Each bad entry, an empty one between commas included, is named once
+//              on standard error and ignored. Without an entry every message on a channel passes; a
+//              VorTrace object starts at its own level.
 //
 // Output. A message is one write(2), and messages of one process never mix. What cannot be written
 // (a full disk, a closed descriptor) is lost, and the next message is tried again. A pipe whose
@@ -45,7 +47,8 @@
 // block the reporting threads.
 //
 // All functions leave errno alone and are no cancellation points. A child process made by fork may
-// report, whatever other threads of its parent were doing. They may be called before main and
+// report, whatever other threads of its parent were doing; a message that was open at the fork is
+// the parent's alone. They may be called before main and
 // after exit has begun; only a message that the main thread has open when the process ends is lost.
 #ifndef VT_VT_H
 #define VT_VT_H

@@ -1,6 +1,6 @@
 #!/bin/sh
 # check-needs.sh <readelf> <library> [<undefined symbol>...]
-# The library names nothing but the C and C++ runtimes among the libraries that it needs, and
+# The library has the SONAME that its users are linked to, names nothing but the C and C++ runtimes among the libraries that it needs, and
 # leaves each of the given symbols to the process that loads it.
 set -eu
 
@@ -12,6 +12,12 @@ readelf=$1
 library=$2
 shift 2
 status=0
+
+soname=$("$readelf" -dW "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\].*/\1/p')
+if [ "$soname" != "$(basename "$library" | sed 's/\.so.*/.so.1/')" ]; then
+    echo "$library has the SONAME '$soname'" >&2
+    status=1
+fi
 
 needed=$("$readelf" -dW "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p')
 if [ -z "$needed" ]; then

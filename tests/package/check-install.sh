@@ -14,6 +14,12 @@ cmake --install "$build" --prefix "$work/first" >"$work/log"
 mv "$work/first" "$work/moved"
 tree=$work/moved
 
+# All public headers, and no private one.
+(cd "$source" && ls Framework/GCL/*.h Framework/VT/*.h) | LC_ALL=C sort >"$work/wanted"
+(cd "$tree/include/KivGCL" && find Framework -type f) | LC_ALL=C sort >"$work/installed"
+diff -u "$work/wanted" "$work/installed"
+echo "headers: all of them"
+
 # run NAME COMMAND: runs a built program and looks at what it prints.
 run() {
     name=$1

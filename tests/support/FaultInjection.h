@@ -236,6 +236,9 @@ using Timespec64 = timespec;
     F(newScalar, GCLTEST_NEW, void*, (size_t size), (size))                                        \
     F(newArray, GCLTEST_NEW_ARRAY, void*, (size_t size), (size))                                   \
     F(puts, puts, int, (const char* text), (text))                                                 \
+    F(openlog, openlog, void, (const char* name, int options, int facility),                       \
+      (name, options, facility))                                                                   \
+    F(setlogmask, setlogmask, int, (int mask), (mask))                                             \
     F(sem_init, sem_init, int, (sem_t * sem, int shared, unsigned value), (sem, shared, value))    \
     F(sem_wait, sem_wait, int, (sem_t * sem), (sem))                                               \
     F(sem_post, sem_post, int, (sem_t * sem), (sem))                                               \

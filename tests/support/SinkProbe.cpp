@@ -857,6 +857,65 @@ void forkWhileReporting()
     say("parent, child " + std::to_string(child));
 }
 
+// A thread is blocked where it names a bad entry of VT_LEVELS, before the first line of the
+// process; the child of a fork reports all the same.
+void forkWhileComplaining()
+{
+    static std::atomic<bool> inside{false};
+    static std::atomic<bool> release{false};
+    const Hook hook(
+        calls::write,
+        [](int fd, const void* data, size_t size) -> ssize_t {
+            if (!inside.exchange(true)) {
+                while (!release) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+            }
+            return calls::write.real(fd, data, size);
+        },
+        Threads::all);
+    std::thread reporter([] { say("slow"); });
+    while (!inside) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20); // ends a child that hangs
+        say("child");
+        _exit(0);
+    }
+    int status = -1;
+    CHECK(waitpid(child, &status, 0) == child);
+    release = true;
+    reporter.join();
+    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// A message that is open at a fork is the parent's alone.
+void forkWithAnOpenMessage()
+{
+    VT_beginImpl(&channel, 1, &kHeader);
+    VT_rawprintf(&channel, "%s", "begun before the fork");
+    const pid_t child = fork();
+    if (child == 0) {
+        say("child");
+        _exit(0);
+    }
+    int status = -1;
+    CHECK(waitpid(child, &status, 0) == child);
+    VT_rawprintf(&channel, "%s", ", ended after it");
+    VT_endImpl(&channel);
+}
+
+// The channel's threshold is the reporter's business.
+void silencedChannel()
+{
+    TraceChannel silenced = {0, "KIV.SILENCED"};
+    VT_beginImpl(&silenced, 1, &kHeader);
+    VT_rawprintf(&silenced, "%s", "written");
+    VT_endImpl(&silenced);
+}
+
 void cancellation()
 {
     static std::atomic<bool> finished{false};
@@ -969,7 +1028,9 @@ const std::map<std::string, void (*)()>& scenarios()
         {"fileAtItsLimit", fileAtItsLimit},
         {"fileIsClosedOnExec", fileIsClosedOnExec},
         {"fileKeepsOffStandardStreams", fileKeepsOffStandardStreams},
+        {"forkWhileComplaining", forkWhileComplaining},
         {"forkWhileReporting", forkWhileReporting},
+        {"forkWithAnOpenMessage", forkWithAnOpenMessage},
         {"fromLibrary", fromLibrary},
         {"fullPipe", fullPipe},
         {"growthFails", growthFails},
@@ -994,6 +1055,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"setLevelInBetween", setLevelInBetween},
         {"setLevelFirst", setLevelFirst},
         {"setLevelWithoutMemory", setLevelWithoutMemory},
+        {"silencedChannel", silencedChannel},
         {"slowReader", slowReader},
         {"streams", streams},
         {"tidOfThread", tidOfThread},

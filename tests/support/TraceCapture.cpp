@@ -226,9 +226,9 @@ int32_t VT_beginImpl(TraceChannel* channel, int32_t level, const VorTraceHeader*
     return 0;
 }
 
-int32_t VT_rawprintf(TraceChannel*, const char* format, ...)
+int32_t VT_rawprintf(TraceChannel* channel, const char* format, ...)
 {
-    gcltest::noteCall(std::string("printf ") + format);
+    gcltest::noteCall(std::string("printf ") + channel->name + " " + format);
     char text[2048];
     va_list arguments;
     va_start(arguments, format);

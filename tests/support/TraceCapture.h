@@ -25,8 +25,8 @@ std::ostream& operator<<(std::ostream& out, const Report& report);
 // The messages written since the last call, by any thread.
 std::vector<Report> takeReports();
 
-// The calls of the framework that led to them, in words ("begin KIV.GCL 1", "printf <format>",
-// "end KIV.GCL"), for tests of the report step itself.
+// The calls of the framework that led to them, in words ("begin KIV.GCL 1", "printf KIV.GCL
+// <format>", "end KIV.GCL"), for tests of the report step itself.
 std::vector<std::string> takeCalls();
 
 // The texts given to the discarding streams since the last call, by any thread: one for each flush.

@@ -1,5 +1,6 @@
 #include "Framework/VT/private/Message.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -115,6 +116,18 @@ void onThreadEnd(void*)
 }
 
 vt::ThreadEnd threadEnd(onThreadEnd);
+pthread_once_t forkPrepared = PTHREAD_ONCE_INIT;
+
+// The message that the forking thread has open is its parent's to complete.
+void onForkInChild()
+{
+    message.open = false;
+}
+
+void prepareFork()
+{
+    static_cast<void>(pthread_atfork(nullptr, nullptr, onForkInChild));
+}
 
 const char* orUnknown(const char* text)
 {
@@ -136,6 +149,7 @@ namespace vt {
 void openMessage(const char* channelName, int32_t level, const VorTraceHeader* header)
 {
     completeMessage();
+    static_cast<void>(pthread_once(&forkPrepared, prepareFork));
     threadEnd.arm();
     message.open = true;
     message.level = level;

@@ -26,6 +26,7 @@ constexpr int kToSyslog = -1;
 // STDERR_FILENO, STDOUT_FILENO, a file of the sink's own, or kToSyslog.
 int outputDescriptor = STDERR_FILENO;
 pthread_once_t outputChosen = PTHREAD_ONCE_INIT;
+pthread_once_t forkPrepared = PTHREAD_ONCE_INIT;
 
 // Lets one line at a time pass, and guards the two flags. A child process gets a new one (see
 // onForkInChild), which costs it nothing but the order of two lines.
@@ -135,8 +136,20 @@ size_t writeAll(int descriptor, const char* data, size_t size)
     return size;
 }
 
+// The mutex may be held by a thread that the child does not have.
+void onForkInChild()
+{
+    static_cast<void>(pthread_mutex_init(&outputMutex, nullptr));
+}
+
+void prepareFork()
+{
+    static_cast<void>(pthread_atfork(nullptr, nullptr, onForkInChild));
+}
+
 void writeLine(int descriptor, const char* line, size_t size)
 {
+    static_cast<void>(pthread_once(&forkPrepared, prepareFork));
     const OutputLock lock;
     const size_t skipped = lineUnfinished ? 0 : 1;
     const size_t wanted = size - skipped;
@@ -179,15 +192,8 @@ int openFile(const char* path)
     return moved;
 }
 
-// The mutex may be held by a thread that the child does not have.
-void onForkInChild()
-{
-    static_cast<void>(pthread_mutex_init(&outputMutex, nullptr));
-}
-
 void chooseOutput()
 {
-    static_cast<void>(pthread_atfork(nullptr, nullptr, onForkInChild));
     const char* const variable = secure_getenv("VT_OUTPUT");
     if (variable == nullptr || *variable == '\0' || std::strcmp(variable, "stderr") == 0) {
         outputDescriptor = STDERR_FILENO;
