@@ -235,6 +235,8 @@ uint32_t CHashTable_ToList(const CHashTable* pThis, CList* pList)
             // By contract: the bucket's count says how many values are taken; a chain that is
             // shorter ends the bucket.
             for (uint32_t k = 0; k < pThis->pBuckets[i].uiCount && pair != nullptr; ++k) {
+                // The list refuses nothing but a NULL list today, so that no call gets the code; a
+                // refusal that comes with a later list must not go unnoticed, though.
                 const uint32_t result = CList_PushHead(pList, pair->ulValue);
                 if (static_cast<int32_t>(result) > 0x7FFF) {
                     return result;
