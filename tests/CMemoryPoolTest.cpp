@@ -246,6 +246,20 @@ TEST_P(CMemoryPoolConstruct, PassesAnAllocationFailureOnAndLeavesAPoolWithoutBlo
     }
 }
 
+TEST(CMemoryPoolConstruct, RefusesMoreBlocksThanA32BitProcessorCountsAddressesOf)
+{
+    if (sizeof(size_t) > 4) {
+        GTEST_SKIP() << "their addresses fit into 64 bits";
+    }
+    for (const uint32_t blocks : {0x20000000u, 0x80000001u}) {
+        CMemoryPool pool = garbage();
+        EXPECT_THROW(CMemoryPool_Construct(&pool, 0, blocks), std::bad_alloc);
+        EXPECT_EQ(pool.pBlockArea, nullptr);
+        EXPECT_EQ(pool.freeBlocks.pEntries, nullptr);
+    }
+    expectSilence();
+}
+
 TEST_P(CMemoryPoolMalloc, HandsOutFromTheEndOfTheAreaAndIsExhaustedThen)
 {
     OwnedPool pool(10, 3);

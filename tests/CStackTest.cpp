@@ -98,6 +98,19 @@ TEST(CStackConstruct, PassesAnAllocationFailureOnAndLeavesAnEmptyStack)
     EXPECT_EQ(stack.pEntries, nullptr);
 }
 
+TEST(CStackConstruct, RefusesAnArrayThatNo32BitProcessorHolds)
+{
+    if (sizeof(size_t) > 4) {
+        GTEST_SKIP() << "such an array fits into 64 bits";
+    }
+    for (const uint32_t capacity : {0x20000000u, 0x40000001u, 0x80000001u, 0xFFFFFFFFu}) {
+        CStack stack;
+        EXPECT_THROW(CStack_Construct(&stack, capacity), std::bad_alloc);
+        EXPECT_EQ(stack.pEntries, nullptr);
+        EXPECT_EQ(stack.uiCapacity, 0u);
+    }
+}
+
 TEST(CStackDestruct, FreesTheEntriesAndKeepsTheOtherFields)
 {
     CStack stack;

@@ -103,7 +103,8 @@ CHashTablePair* unlinkPair(CHashTableBucket& bucket, const char* key)
 CHashTablePair* newPair(const char* key, unsigned long value, CHashTablePair* next)
 {
     auto* const pair = new CHashTablePair[1];
-    // By contract: a longer key is cut, although all of it was hashed; it will not be found again.
+    // By contract: a longer key is cut, although all of it was hashed; by itself it is not found
+    // again.
     std::strncpy(pair->szKey, key, sizeof pair->szKey);
     pair->szKey[sizeof pair->szKey - 1] = '\0';
     pair->ulValue = value;
