@@ -958,6 +958,7 @@ TEST_P(CFifoBufferSemaphoreGet, GivesTheElementBackBeforeItReportsWhenTheCopyLoc
                             0x8019));
     EXPECT_EQ(word, 77u);
     expectSemaphores(fifo.fifo, 1, 1, 1);
+    ASSERT_FALSE(HasFailure());
     EXPECT_EQ(fifo.get(), 1u);
 }
 
@@ -1061,6 +1062,7 @@ TEST(CFifoBufferSemaphore, ACancelledPutGivesItsSlotBack)
     ASSERT_EQ(sem_wait(&fifo->cpyMutex), 0);
     cancelWaiting(fifo.fifo, true, [&fifo] { return valueOf(fifo->putSemaphore) == 0; });
     expectSemaphores(fifo.fifo, 1, 1, 0);
+    ASSERT_FALSE(HasFailure()); // a slot or element that is lost would be waited for
     ASSERT_EQ(sem_post(&fifo->cpyMutex), 0);
     EXPECT_EQ(fifo.put(2), GCL_OK);
     EXPECT_EQ(fifo.get(), 1u);
@@ -1075,6 +1077,7 @@ TEST(CFifoBufferSemaphore, ACancelledGetGivesItsElementBack)
     ASSERT_EQ(sem_wait(&fifo->cpyMutex), 0);
     cancelWaiting(fifo.fifo, false, [&fifo] { return valueOf(fifo->getSemaphore) == 0; });
     expectSemaphores(fifo.fifo, 1, 1, 0);
+    ASSERT_FALSE(HasFailure()); // a slot or element that is lost would be waited for
     ASSERT_EQ(sem_post(&fifo->cpyMutex), 0);
     EXPECT_EQ(fifo.get(), 1u);
     expectSemaphores(fifo.fifo, 0, 2, 1);
