@@ -18,12 +18,15 @@
 using gcltest::Count;
 using gcltest::Failure;
 using gcltest::Fault;
+using gcltest::Frees;
 using gcltest::gclReport;
 using gcltest::Report;
 using gcltest::takeReports;
 namespace calls = gcltest::calls;
 
 namespace {
+
+using Memory = std::vector<const void*>;
 
 using Items = std::vector<unsigned long>;
 
@@ -117,16 +120,44 @@ TEST(CListDestruct, FreesEveryNodeAndLeavesAUsableList)
 {
     CList list;
     CList_Construct(&list);
+    Memory nodes;
     for (unsigned long item = 0; item < 5; ++item) {
         ASSERT_EQ(CList_PushTail(&list, item), GCL_OK);
+        nodes.push_back(list.pTail);
     }
-    CList_Destruct(&list);
+    {
+        const Frees frees;
+        CList_Destruct(&list);
+        EXPECT_EQ(frees.memory(), nodes);
+    }
     EXPECT_EQ(list.pHead, nullptr);
     EXPECT_EQ(list.pTail, nullptr);
     EXPECT_EQ(list.uiSize, 0u);
     ASSERT_EQ(CList_PushTail(&list, 9), GCL_OK);
     EXPECT_EQ(itemsOf(list), Items{9});
     CList_Destruct(&list);
+}
+
+TEST(CListNodes, AreFreedByWhatRemovesThem)
+{
+    OwnedList list{1, 2, 3, 2, 4, 5};
+    Memory nodes;
+    for (const CListNode* node = list->pHead; node != nullptr; node = node->pNext) {
+        nodes.push_back(node);
+    }
+    unsigned long item = 0;
+    const Frees frees;
+    EXPECT_EQ(CList_PopHead(&list, &item), GCL_OK);
+    EXPECT_EQ(frees.memory(), Memory{nodes[0]});
+    EXPECT_EQ(CList_PopTail(&list, &item), GCL_OK);
+    EXPECT_EQ(frees.memory(), Memory{nodes[5]});
+    EXPECT_EQ(CList_Remove(&list, 2), GCL_OK);
+    EXPECT_EQ(frees.memory(), (Memory{nodes[1], nodes[3]}));
+    EXPECT_EQ(CList_RemoveAt(&list, 1), GCL_OK);
+    EXPECT_EQ(frees.memory(), Memory{nodes[4]});
+    EXPECT_EQ(CList_RemoveAt(&list, 0), GCL_OK);
+    EXPECT_EQ(frees.memory(), Memory{nodes[2]});
+    expectConsistent(list.list);
 }
 
 TEST(CListDestruct, AcceptsNull)

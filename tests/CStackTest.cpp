@@ -98,6 +98,19 @@ TEST(CStackConstruct, PassesAnAllocationFailureOnAndLeavesAnEmptyStack)
     EXPECT_EQ(stack.pEntries, nullptr);
 }
 
+TEST(CStackConstruct, RefusesAnArrayThatNo32BitProcessorHolds)
+{
+    if (sizeof(size_t) > 4) {
+        GTEST_SKIP() << "such an array fits into 64 bits";
+    }
+    for (const uint32_t capacity : {0x20000000u, 0x40000001u, 0x80000001u, 0xFFFFFFFFu}) {
+        CStack stack;
+        EXPECT_THROW(CStack_Construct(&stack, capacity), std::bad_alloc);
+        EXPECT_EQ(stack.pEntries, nullptr);
+        EXPECT_EQ(stack.uiCapacity, 0u);
+    }
+}
+
 TEST(CStackDestruct, FreesTheEntriesAndKeepsTheOtherFields)
 {
     CStack stack;
@@ -105,7 +118,12 @@ TEST(CStackDestruct, FreesTheEntriesAndKeepsTheOtherFields)
     ASSERT_EQ(CStack_Push(&stack, places), GCL_OK);
     ASSERT_EQ(CStack_Push(&stack, places), GCL_OK);
     stack.uiStatus = 0x8001;
-    CStack_Destruct(&stack);
+    const void* const entries = stack.pEntries;
+    {
+        const gcltest::Frees frees;
+        CStack_Destruct(&stack);
+        EXPECT_EQ(frees.memory(), std::vector<const void*>{entries});
+    }
     EXPECT_EQ(stack.pEntries, nullptr);
     EXPECT_EQ(stack.iTop, 1);
     EXPECT_EQ(stack.uiCapacity, 4u);
@@ -150,6 +168,16 @@ TEST(CStackPop, HandsTheEntriesOutInReverse)
     EXPECT_EQ(entry, places + 7);
     EXPECT_EQ(stack->iTop, -1);
     EXPECT_EQ(CStack_IsEmpty(&stack), 1u);
+}
+
+TEST(CStackPop, HasNoUseForThePlaceWhereThereIsNothingToStore)
+{
+    OwnedStack stack(1);
+    EXPECT_EQ(CStack_Pop(&stack, nullptr), 0x8003u);
+    ASSERT_EQ(CStack_Push(&stack, places), GCL_OK);
+    stack->uiStatus = 0x9000;
+    EXPECT_EQ(CStack_Pop(&stack, nullptr), 0x9000u);
+    EXPECT_EQ(stack->iTop, 0);
 }
 
 TEST(CStackPush, StoresNullLikeAnyOtherValue)

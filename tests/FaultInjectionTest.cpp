@@ -111,3 +111,19 @@ TEST(FaultInjectionNew, ThrowsBadAllocForArraysAndScalars)
     const Fault fault(calls::newScalar, {0, 0});
     EXPECT_THROW(::operator delete(::operator new(10)), std::bad_alloc);
 }
+
+TEST(FaultInjectionDelete, NotesTheArraysThatAreFreed)
+{
+    void* const first = ::operator new[](10);
+    void* const second = ::operator new[](10);
+    const std::vector<const void*> both{second, first};
+    const gcltest::Frees frees;
+    EXPECT_EQ(frees.memory(), std::vector<const void*>{});
+    ::operator delete[](second);
+    ::operator delete[](nullptr);
+    ::operator delete[](first);
+    EXPECT_EQ(frees.memory(), both);
+    EXPECT_EQ(frees.memory(), std::vector<const void*>{});
+    std::thread([] { ::operator delete[](::operator new[](10)); }).join();
+    EXPECT_EQ(frees.memory(), std::vector<const void*>{});
+}

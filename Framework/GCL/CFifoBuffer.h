@@ -6,9 +6,11 @@
 // lock in any mode and tell how things stood at one moment. While CFifoBuffer_Construct or
 // CFifoBuffer_Destruct runs, no other thread may use the object. A child process made by fork(2)
 // must not use a FIFO that another thread was using at that moment: a lock that was held stays held
-// in the child. Results are codes of ResultCodes.h; failures are reported on GCL_trace unless they
-// are marked as silent. Where a comment does not mention a check for NULL, there is none, and a
-// NULL pointer is the caller's error.
+// in the child. A constructed FIFO must be neither copied nor moved: its semaphores and its mutex
+// work only where they were made, and both copies would own the ring. Results are codes of
+// ResultCodes.h; failures are reported on GCL_trace unless they are marked as silent. Where a
+// comment does not mention a check for NULL, there is none, and a NULL pointer is the caller's
+// error.
 #ifndef GCL_CFIFOBUFFER_H
 #define GCL_CFIFOBUFFER_H
 
@@ -30,15 +32,23 @@ typedef uint32_t ETaskingMode;
 enum {
 #endif
     // Blocking hand-over between any number of producer and consumer threads, by POSIX semaphores:
-    // Put waits while the ring is full, Get waits while it is empty, both without a time limit. A
-    // signal whose handler was installed without SA_RESTART ends such a wait with
-    // GCL_SEMAPHORE_FAILED; the caller may call again.
+    // Put waits while the ring is full, Get waits while it is empty, both without a time limit, in
+    // sem_wait(3), and each wakes the other side with sem_post(3). A signal whose handler was
+    // installed without SA_RESTART ends such a wait with GCL_SEMAPHORE_FAILED; the caller may call
+    // again. A thread that is cancelled in such a wait leaves the FIFO as it was. The capacity is
+    // limited to SEM_VALUE_MAX.
     eTaskingModeSemaphore = 0,
     // No protection, for one thread or under the caller's lock: Put on a full ring and Get on an
     // empty one fail at once.
     eTaskingModeNone = 1,
-    // A POSIX mutex around each Put and Get; the writer never waits: Put on a full ring drops the
-    // oldest element. Get does not look whether the ring is empty: ask CFifoBuffer_IsEmpty first.
+    // A POSIX mutex around each Put and Get, taken with pthread_mutex_lock(3) and given back with
+    // pthread_mutex_unlock(3), for any number of writers and ONE reader. The writer never waits for
+    // space: Put on a full ring drops the oldest element. Get does not look whether the ring is
+    // empty: the reader asks CFifoBuffer_IsEmpty first. With a second reader, that one may take the
+    // last element between the two calls; several readers need a lock of their own around both.
+    // After one Get on an empty ring the size has wrapped: the FIFO counts as full and never as
+    // empty until it is constructed anew. Each Put then drops what would be the oldest element,
+    // and Get hands out slots whether or not they hold one.
     eTaskingModeMutex = 2
 };
 
@@ -60,16 +70,19 @@ typedef struct CFifoBuffer {
 } CFifoBuffer;
 
 // CFifoBuffer_Construct makes pThis an empty FIFO of uiCapacity elements of uiElementSize bytes
-// each and allocates its ring, uiCapacity * uiElementSize bytes computed in 32 bits: a product of
-// 2^32 or more wraps and makes a ring that is too small, which is not noticed. A capacity of 0 is
+// each and allocates its ring, which is not cleared. What the structure held before is forgotten,
+// not freed. The ring has uiCapacity * uiElementSize bytes, computed in 32 bits: a product of 2^32
+// or more wraps and makes a ring that is too small, which is not noticed. A capacity of 0 is
 // not supported (Put then waits for ever in eTaskingModeSemaphore and raises SIGFPE in
 // eTaskingModeMutex). It returns nothing; a failure is reported, and a FIFO that could not be
 // constructed answers later calls with GCL_FIFO_NOT_INITIALIZED:
 //   GCL_FAILURE            pThis is NULL, or sem_init(3) failed for one of the semaphores of
-//                          eTaskingModeSemaphore; the ring stays allocated until
+//                          eTaskingModeSemaphore, as it does for a uiCapacity above SEM_VALUE_MAX
+//                          (0x7FFFFFFF on Linux); the ring stays allocated until
 //                          CFifoBuffer_Destruct, and semaphores made before are not destroyed
 //   GCL_MUTEX_INIT_FAILED  pthread_mutex_init(3) failed (eTaskingModeMutex); the FIFO counts as
-//                          constructed all the same
+//                          constructed all the same, and uses a mutex like one that was made by
+//                          PTHREAD_MUTEX_INITIALIZER
 // Where the allocation fails, std::bad_alloc passes through the call and the FIFO stays without a
 // ring and not initialised; a C caller on ARM must be compiled with -fexceptions for that.
 GCL_API void CFifoBuffer_Construct(CFifoBuffer* pThis, uint32_t uiElementSize, uint32_t uiCapacity,
@@ -77,7 +90,8 @@ GCL_API void CFifoBuffer_Construct(CFifoBuffer* pThis, uint32_t uiElementSize, u
 
 // CFifoBuffer_Destruct frees the ring. It is final: bInitialized stays as it is, and the FIFO must
 // be constructed anew before any other call. It destroys the mutex in every mode, whether or not it
-// was ever made, and never the semaphores, which hold no resource. On memory that was neither
+// was ever made, with pthread_mutex_destroy(3), whose failure it ignores, and never the semaphores,
+// which hold no resource. On memory that was neither
 // constructed nor cleared it frees what pBuffer happens to be.
 GCL_API void CFifoBuffer_Destruct(CFifoBuffer* pThis);
 
@@ -96,7 +110,7 @@ GCL_API uint32_t CFifoBuffer_Put(CFifoBuffer* pThis, const void* pElement);
 
 // CFifoBuffer_Get takes the oldest element out of the ring and copies it to pElement, uiElementSize
 // bytes. In eTaskingModeMutex it does so on an empty ring as well: it hands out what the slot last
-// held, or memory never written, and leaves uiCurrentSize at 0xFFFFFFFF.
+// held, or memory never written, and leaves uiCurrentSize at 0xFFFFFFFF (see eTaskingModeMutex).
 //   GCL_OK                     the element is at pElement; also if a semaphore could not be posted
 //                              afterwards (reported with GCL_SEMAPHORE_FAILED), after which
 //                              the FIFO may block its users
@@ -105,8 +119,7 @@ GCL_API uint32_t CFifoBuffer_Put(CFifoBuffer* pThis, const void* pElement);
 //                              signal; nothing was taken (reported)
 //   GCL_FIFO_EMPTY             eTaskingModeNone: the ring is empty; pElement untouched (reported)
 //   GCL_MUTEX_FAILED           eTaskingModeMutex: locking the mutex failed and nothing was taken,
-//   or
-//                              releasing it failed and the element has been taken (reported)
+//                              or releasing it failed and the element has been taken (reported)
 //   GCL_FAILURE                eMode is not a tasking mode (reported)
 GCL_API uint32_t CFifoBuffer_Get(CFifoBuffer* pThis, void* pElement);
 

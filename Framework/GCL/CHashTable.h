@@ -7,8 +7,10 @@
 // grow with the load: there is no resizing.
 //
 // Keys of up to 255 characters are kept whole. Of a longer key the first 255 characters are kept,
-// while all of it is hashed, and it is never found again: each CHashTable_Set of it adds another
-// pair, which only CHashTable_ToList and CHashTable_Destruct are certain to reach.
+// while all of it is hashed, and it is never found again by itself: each CHashTable_Set of it adds
+// another pair, which only CHashTable_ToList and CHashTable_Destruct are certain to reach. Where
+// the hashes of the long key and of its first 255 characters select the same bucket, though, that
+// pair is found, overwritten and removed by the key of those 255 characters.
 //
 // A table made with 0 buckets can be counted, listed and destructed; CHashTable_Get,
 // CHashTable_Exists, CHashTable_Set and CHashTable_Unset divide by zero on it and raise SIGFPE, on
@@ -17,6 +19,9 @@
 // The table allocates and frees its bucket array and its pairs, one array-form operator new[] for
 // each. Where an allocation fails, std::bad_alloc passes through the call, the table is as it was
 // before it, and nothing leaks; a C caller on ARM must be compiled with -fexceptions for that.
+//
+// A copy of the structure shares the buckets and pairs with the original: only one of the two may
+// be used and destructed from then on.
 //
 // A table takes no lock: threads that share one serialise their calls. Results are codes of
 // ResultCodes.h unless stated otherwise; failures marked so are reported on GCL_trace. A failing

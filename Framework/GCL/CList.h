@@ -6,6 +6,9 @@
 // otherwise. Where an allocation fails, std::bad_alloc passes through the call, the list is as it
 // was before it, and nothing leaks; a C caller on ARM must be compiled with -fexceptions for that.
 //
+// A copy of the structure shares the nodes with the original: only one of the two may be used and
+// destructed from then on.
+//
 // A list takes no lock: threads that share one serialise their calls. Two failures are reported on
 // GCL_trace; all others return their code silently. A failing call changes nothing but what its
 // comment names. Where a comment does not mention a check for NULL, there is none, and a NULL

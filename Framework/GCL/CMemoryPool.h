@@ -13,9 +13,11 @@
 // wraps, the area is too small, and blocks lie outside it. Neither is refused; keep the product
 // below 2^32.
 //
-// Failures are reported on GCL_trace. A pool takes no lock: threads that share one serialise their
-// calls. Where a comment does not mention a check for NULL, there is none, and a NULL pointer is
-// the caller's error. Construct comes first, Destruct last.
+// Results are codes of ResultCodes.h; failures are reported on GCL_trace. A pool takes no lock:
+// threads that share one serialise their calls. Where a comment does not mention a check for NULL,
+// there is none, and a NULL pointer is the caller's error. Construct comes first, Destruct last. A
+// copy of the structure shares the block area and the stack with the original: only one of the two
+// may be used and destructed from then on.
 #ifndef GCL_CMEMORYPOOL_H
 #define GCL_CMEMORYPOOL_H
 
@@ -40,11 +42,14 @@ typedef struct CMemoryPool {
 // forgotten, not freed. It returns nothing; these failures are told by the trace only:
 //   GCL_INVALID_ARGUMENT  pThis is NULL; nothing was done (reported)
 //   GCL_FAILURE           not every block could be put on the stack of free blocks, which happens
-//                         with more than 0x80000000 blocks; the pool can be used and destructed,
-//                         with the blocks that it has (reported)
+//                         with more than 0x80000000 blocks, on 64-bit processors only; the pool
+//                         can be used and destructed, with the blocks that it has (reported)
 // A pool of 0 blocks, or of blocks of 0 bytes, is allowed and never hands out a block.
 // Where an allocation fails, std::bad_alloc passes through the call, nothing leaks, and pThis is a
-// pool without a block; a C caller on ARM must be compiled with -fexceptions for that.
+// pool without a block; a C caller on ARM must be compiled with -fexceptions for that. On 32-bit
+// processors a pool of 0x20000000 blocks or more is always refused so (by g++ with
+// std::bad_array_new_length, which is a std::bad_alloc): the stack's array would have 2^31 bytes or
+// more.
 GCL_API void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t uiNrOfBlocks);
 
 // CMemoryPool_Destruct frees the block area and the stack of free blocks. Blocks that are still in

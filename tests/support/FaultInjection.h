@@ -29,6 +29,8 @@
 #include <functional>
 #include <new>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace gcltest {
 
@@ -221,7 +223,8 @@ using Timespec64 = timespec;
 #define GCLTEST_COND_TIMEDWAIT pthread_cond_timedwait
 #endif
 
-// The C++ library's names of operator new and operator new[].
+// The C++ library's names of operator new and operator new[]. Operator delete[] has one name; the
+// library never frees an array by the form that is told the size.
 #if __SIZEOF_SIZE_T__ == 4
 #define GCLTEST_NEW _Znwj
 #define GCLTEST_NEW_ARRAY _Znaj
@@ -235,6 +238,7 @@ using Timespec64 = timespec;
 #define GCLTEST_CALLS(F)                                                                           \
     F(newScalar, GCLTEST_NEW, void*, (size_t size), (size))                                        \
     F(newArray, GCLTEST_NEW_ARRAY, void*, (size_t size), (size))                                   \
+    F(deleteArray, _ZdaPv, void, (void* memory), (memory))                                         \
     F(puts, puts, int, (const char* text), (text))                                                 \
     F(openlog, openlog, void, (const char* name, int options, int facility),                       \
       (name, options, facility))                                                                   \
@@ -311,6 +315,22 @@ GCLTEST_CALLS(GCLTEST_DECLARE)
 extern Call<void(int priority, const char* text)> syslog;
 
 } // namespace calls
+
+// Notes the arrays that this thread frees while it lives.
+class Frees {
+public:
+    // Those since the last look, in their order; freeing NULL does not count.
+    std::vector<const void*> memory() const { return std::exchange(freed, {}); }
+
+private:
+    mutable std::vector<const void*> freed;
+    Hook<void(void*)> hook{calls::deleteArray, [this](void* memory) {
+                               if (memory != nullptr) {
+                                   freed.push_back(memory);
+                               }
+                               calls::deleteArray.real(memory);
+                           }};
+};
 
 } // namespace gcltest
 

@@ -111,6 +111,28 @@ void dropOldest(CFifoBuffer& fifo)
     setCurrentSize(fifo, currentSize(fifo) - 1);
 }
 
+// Waits for cpyMutex on behalf of a call that has taken `counted`, a free slot or an element. That
+// is given back where the lock cannot be had: the wait failed, with `error` the errno that it left,
+// or the thread was cancelled in it, which unwinds the stack from here.
+bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted, unsigned& error)
+{
+    struct GiveBack {
+        sem_t* semaphore;
+        ~GiveBack()
+        {
+            if (semaphore != nullptr) {
+                static_cast<void>(sem_post(semaphore)); // nothing is left to do if even that fails
+            }
+        }
+    } giveBack{&counted};
+    if (sem_wait(&fifo.cpyMutex) != 0) {
+        error = lastError();
+        return false;
+    }
+    giveBack.semaphore = nullptr;
+    return true;
+}
+
 // The counting semaphore is always taken before cpyMutex, and cpyMutex is given back before the
 // other side is told: who is woken finds the lock free.
 uint32_t putWaiting(CFifoBuffer& fifo, const void* element)
@@ -120,10 +142,8 @@ uint32_t putWaiting(CFifoBuffer& fifo, const void* element)
                              "%s: sem_wait failed waiting for putSemaphore (errno: %u)", kPut,
                              lastError());
     }
-    if (sem_wait(&fifo.cpyMutex) != 0) {
-        const unsigned error = lastError();
-        // Gives the slot back. Nothing is left to do if even that fails.
-        static_cast<void>(sem_post(&fifo.putSemaphore));
+    unsigned error = 0;
+    if (!waitForCopyLock(fifo, fifo.putSemaphore, error)) {
         return GCL_REPORT_AS(kPut, GCL_SEMAPHORE_FAILED,
                              "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kPut, error);
     }
@@ -150,10 +170,8 @@ uint32_t getWaiting(CFifoBuffer& fifo, void* element)
                              "%s: sem_wait failed waiting for getSemaphore (errno: %u)", kGet,
                              lastError());
     }
-    if (sem_wait(&fifo.cpyMutex) != 0) {
-        const unsigned error = lastError();
-        // Gives the element back. Nothing is left to do if even that fails.
-        static_cast<void>(sem_post(&fifo.getSemaphore));
+    unsigned error = 0;
+    if (!waitForCopyLock(fifo, fifo.getSemaphore, error)) {
         return GCL_REPORT_AS(kGet, GCL_SEMAPHORE_FAILED,
                              "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kGet, error);
     }
@@ -263,8 +281,11 @@ void CFifoBuffer_Construct(CFifoBuffer* pThis, uint32_t uiElementSize, uint32_t 
             return;
         }
     } else if (eMode == eTaskingModeMutex) {
-        // By contract: a mutex that cannot be made is a warning; the construction carries on.
+        // By contract: a mutex that cannot be made is a warning; the construction carries on. Put
+        // and Get will lock the mutex all the same, so it gets the value of a static one.
         if (pthread_mutex_init(&pThis->fifoMutex, nullptr) != 0) {
+            constexpr pthread_mutex_t kStaticMutex = PTHREAD_MUTEX_INITIALIZER;
+            pThis->fifoMutex = kStaticMutex;
             static_cast<void>(GCL_REPORT(GCL_MUTEX_INIT_FAILED,
                                          "%s: Could not initialize mutex (fifoMutex)", __func__));
         }

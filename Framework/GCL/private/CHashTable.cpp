@@ -103,7 +103,8 @@ CHashTablePair* unlinkPair(CHashTableBucket& bucket, const char* key)
 CHashTablePair* newPair(const char* key, unsigned long value, CHashTablePair* next)
 {
     auto* const pair = new CHashTablePair[1];
-    // By contract: a longer key is cut, although all of it was hashed; it will not be found again.
+    // By contract: a longer key is cut, although all of it was hashed; by itself it is not found
+    // again.
     std::strncpy(pair->szKey, key, sizeof pair->szKey);
     pair->szKey[sizeof pair->szKey - 1] = '\0';
     pair->ulValue = value;
@@ -235,6 +236,8 @@ uint32_t CHashTable_ToList(const CHashTable* pThis, CList* pList)
             // By contract: the bucket's count says how many values are taken; a chain that is
             // shorter ends the bucket.
             for (uint32_t k = 0; k < pThis->pBuckets[i].uiCount && pair != nullptr; ++k) {
+                // The list refuses nothing but a NULL list today, so that no call gets the code; a
+                // refusal that comes with a later list must not go unnoticed, though.
                 const uint32_t result = CList_PushHead(pList, pair->ulValue);
                 if (static_cast<int32_t>(result) > 0x7FFF) {
                     return result;

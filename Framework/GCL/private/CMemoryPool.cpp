@@ -79,7 +79,7 @@ uint32_t CMemoryPool_Malloc(CMemoryPool* pThis, uint32_t uiRequestedSize, void**
         return GCL_REPORT(GCL_INVALID_ARGUMENT,
                           "Not possible to allocate a memory block of size %u!", uiRequestedSize);
     }
-    if (gcl::stackPop(pThis->freeBlocks, *ppBlock) != GCL_OK) {
+    if (gcl::stackPop(pThis->freeBlocks, ppBlock) != GCL_OK) {
         *ppBlock = nullptr;
         return GCL_REPORT(GCL_POOL_EXHAUSTED, "Not possible to get memory block from pool!");
     }

@@ -36,7 +36,7 @@ uint32_t CStack_Push(CStack* pThis, void* pEntry)
 
 uint32_t CStack_Pop(CStack* pThis, void** ppEntry)
 {
-    return gcl::stackPop(*pThis, *ppEntry);
+    return gcl::stackPop(*pThis, ppEntry);
 }
 
 uint32_t CStack_IsEmpty(const CStack* pThis)

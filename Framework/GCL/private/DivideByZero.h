@@ -13,7 +13,7 @@ namespace gcl {
 [[noreturn, gnu::cold, gnu::noinline]] inline void divideByZero()
 {
     static_cast<void>(std::raise(SIGFPE));
-    std::abort(); // the signal is ignored, or its handler came back
+    std::abort(); // the signal is ignored or blocked, or its handler came back
 }
 
 } // namespace gcl

@@ -31,7 +31,8 @@ inline uint32_t stackPush(CStack& stack, void* entry)
     return GCL_OK;
 }
 
-inline uint32_t stackPop(CStack& stack, void*& entry)
+// `entry` is looked at only where there is an entry to store.
+inline uint32_t stackPop(CStack& stack, void** entry)
 {
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
@@ -39,7 +40,7 @@ inline uint32_t stackPop(CStack& stack, void*& entry)
     if (stack.iTop < 0) {
         return GCL_STACK_EMPTY;
     }
-    entry = stack.pEntries[stack.iTop];
+    *entry = stack.pEntries[stack.iTop];
     --stack.iTop;
     return GCL_OK;
 }
