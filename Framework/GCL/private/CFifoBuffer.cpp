@@ -63,7 +63,8 @@ uint32_t nextIndex(const CFifoBuffer& fifo, uint32_t index)
 
 unsigned char* slot(const CFifoBuffer& fifo, uint32_t index)
 {
-    return fifo.pBuffer + size_t{index} * fifo.uiElementSize;
+    const size_t offset = size_t{index} * fifo.uiElementSize;
+    return fifo.pBuffer + offset;
 }
 
 // Copies of the commonest sizes are a few instructions each; none is made of no bytes, for which

@@ -48,7 +48,10 @@ void DefaultSleepApi::clearOverride()
 
 ISleepApi& DefaultSleepApi::get()
 {
-    return overrideSleeper != nullptr ? *overrideSleeper : realSleeper;
+    if (overrideSleeper != nullptr) {
+        return *overrideSleeper;
+    }
+    return realSleeper;
 }
 
 } // namespace Util
