@@ -26,7 +26,7 @@ remove()
 trap remove EXIT
 trap 'exit 1' HUP INT TERM
 
-ip netns add "$near" 2>/dev/null && ip netns add "$far" 2>/dev/null ||
+{ ip netns add "$near" && ip netns add "$far"; } 2>/dev/null ||
     skip "network namespaces cannot be made here (are you root?)"
 ip -n "$near" link add veth0 type veth peer name veth0 netns "$far" 2>/dev/null ||
     skip "veth pairs cannot be made here"
