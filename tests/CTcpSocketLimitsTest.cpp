@@ -117,6 +117,9 @@ INSTANTIATE_TEST_SUITE_P(CTcpSocket, Limits, testing::Values(1022, 1023, 1024, 1
 
 TEST(CTcpSocketStack, HoldsAScratchThatFits)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer keeps data of its own, larger than that, on a thread's stack";
+#endif
     EXPECT_TRUE(readsOnSmallStack(kStackSize / 2));
     EXPECT_EQ(takeReports().size(), 1u);
 }
