@@ -1,5 +1,7 @@
 # What the project's own targets are compiled and linked with.
 find_package(Threads REQUIRED)
+include(CheckCXXCompilerFlag)
+include(CMakePushCheckState)
 
 # Every target: the language and the warnings.
 add_library(kivgcl_options INTERFACE)
@@ -32,4 +34,20 @@ function(kivgcl_shared_library target map)
     -Wl,-z,relro,-z,now,-z,noexecstack
     -Wl,--as-needed
   )
+endfunction()
+
+# Compiles a source file so that its functions touch each page of the stack that they take. Some
+# compilers know the option for some processors only, and warn or stop elsewhere.
+function(kivgcl_compile_with_stack_probes source)
+  cmake_push_check_state()
+  list(APPEND CMAKE_REQUIRED_FLAGS -Werror)
+  check_cxx_compiler_flag(-fstack-clash-protection KIVGCL_HAS_STACK_PROBES)
+  cmake_pop_check_state()
+  if(KIVGCL_HAS_STACK_PROBES)
+    set_property(SOURCE ${source} APPEND PROPERTY COMPILE_OPTIONS -fstack-clash-protection)
+  else()
+    message(WARNING "The compiler has no -fstack-clash-protection for this processor: ${source} "
+                    "takes buffers of its caller's size from the stack, and one that is larger "
+                    "than the stack may be written to memory beyond its guard page.")
+  endif()
 endfunction()

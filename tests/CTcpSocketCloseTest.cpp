@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
@@ -104,7 +105,8 @@ public:
           closeHook(calls::close, [this](int fd) {
               steps += 'c';
               EXPECT_EQ(fd, descriptor);
-              return 0;
+              errno = std::exchange(closeError, 0);
+              return errno == 0 ? 0 : -1;
           })
     {
     }
@@ -125,6 +127,7 @@ public:
     int64_t nowNs = 4102444800123456789; // in the year 2100
     int64_t sleepNs = 0;
     bool sleepFails = false;
+    int closeError = 0; // of the first close
     std::function<int(int&)> query = [](int&) { return 0; };
     std::string steps; // shutdown, ioctl, nanosleep, close
 
@@ -179,6 +182,25 @@ TEST(CTcpSocketClose, FindsAnEmptyQueueAtOnce)
 {
     ScriptedDrain drain;
     EXPECT_EQ(drain.close(), (Reports{bytesLeft(0), completed(0, 0, 77)}));
+    EXPECT_EQ(drain.steps, "sic");
+}
+
+// A descriptor whose close failed is gone all the same, and may be somebody else's by now.
+TEST(CTcpSocketClose, NeverRepeatsACloseThatFails)
+{
+    for (const int error : {EINTR, EAGAIN, EIO}) {
+        ScriptedDrain drain;
+        drain.closeError = error;
+        EXPECT_EQ(drain.close(), (Reports{bytesLeft(0), completed(0, 0, 77)}));
+        EXPECT_EQ(drain.steps, "sic");
+    }
+}
+
+TEST(CTcpSocketClose, LeavesOtherNegativeDescriptorsToThePlatform)
+{
+    ScriptedDrain drain;
+    drain.descriptor = -2;
+    EXPECT_EQ(drain.close(), (Reports{bytesLeft(0), completed(0, 0, -2)}));
     EXPECT_EQ(drain.steps, "sic");
 }
 

@@ -122,6 +122,7 @@ public:
     struct When {
         unsigned nth;
         unsigned times = 1;
+        int error = ENOBUFS;
     };
 
     Journal()
@@ -186,7 +187,9 @@ public:
           closeHook(calls::close,
                     [this](int fd) {
                         note("close " + labels[fd]);
-                        return calls::close.real(fd);
+                        const int result = calls::close.real(fd);
+                        // As on Linux: the descriptor is gone also where the call says it failed.
+                        return fails("close") ? -1 : result;
                     }),
           perrorHook(calls::perror,
                      [this](const char* text) {
@@ -210,7 +213,7 @@ public:
     }
 
     void fail(const std::string& call, When when) { failures[call] = when; }
-    void fail(const std::string& call) { failures[call] = {1, UINT_MAX}; }
+    void fail(const std::string& call) { failures[call] = {1, UINT_MAX, ENOBUFS}; }
 
     Lines lines()
     {
@@ -245,7 +248,7 @@ private:
             number - found->second.nth >= found->second.times) {
             return false;
         }
-        errno = ENOBUFS;
+        errno = found->second.error;
         return true;
     }
 
@@ -267,6 +270,8 @@ private:
     Hook<void*(size_t)> newHook;
 };
 
+// Failures that look as if the call could be repeated. This library repeats none of them.
+const int kPassing[] = {EINTR, EAGAIN, ECONNABORTED, ENOBUFS};
 const std::string kReuse = std::to_string(SOL_SOCKET) + " " + std::to_string(SO_REUSEADDR) + " 1";
 const std::string kError = std::to_string(ENOBUFS);
 const std::string kServer = "report CTcpSocket_WaitForConnection: ";
@@ -489,15 +494,19 @@ TEST(CTcpSocketCreate, CreatesEachSocketFromItsEntry)
 
 TEST(CTcpSocketCreate, ClosesEachSocketThatDoesNotConnect)
 {
-    const Listener listener;
-    Handed handed;
-    Journal journal;
-    journal.fail("connect");
-    EXPECT_EQ(CTcpSocket_Create(&handed, "127.0.0.1", listener.port, 1), 0x800Bu);
-    EXPECT_TRUE(handed.isUntouched());
-    EXPECT_EQ(journal.lines(),
-              (Lines{"socket s1", "connect s1", "close s1", "free",
-                     "report CTcpSocket_Create: Client failed to connect 0x800b"}));
+    // Once: a second attempt would succeed.
+    for (const int error : kPassing) {
+        const Listener listener;
+        Handed handed;
+        Journal journal;
+        journal.fail("connect", {1, 1, error});
+        journal.fail("close", {1, 1, EINTR});
+        EXPECT_EQ(CTcpSocket_Create(&handed, "127.0.0.1", listener.port, 1), 0x800Bu);
+        EXPECT_TRUE(handed.isUntouched());
+        EXPECT_EQ(journal.lines(),
+                  (Lines{"socket s1", "connect s1", "close s1", "free",
+                         "report CTcpSocket_Create: Client failed to connect 0x800b"}));
+    }
 }
 
 TEST(CTcpSocketCreate, FreesTheAddressesBeforeItAllocates)
@@ -608,9 +617,16 @@ TEST(CTcpSocketWaitForConnection, EndsWhereNoSocketCanBeMade)
 
 TEST(CTcpSocketWaitForConnection, EndsAtAnOptionThatFails)
 {
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("setsockopt"); }, 0x800A),
-              (Lines{"socket s1", "setsockopt s1 " + kReuse, kServer + "setsockopt() failed 0x800a",
-                     "shutdown s1 2", "close s1", "free"}));
+    for (const int error : kPassing) {
+        EXPECT_EQ(
+            serve(
+                [error](Journal& journal) {
+                    journal.fail("setsockopt", {1, 1, error});
+                },
+                0x800A),
+            (Lines{"socket s1", "setsockopt s1 " + kReuse, kServer + "setsockopt() failed 0x800a",
+                   "shutdown s1 2", "close s1", "free"}));
+    }
 }
 
 TEST(CTcpSocketWaitForConnection, GoesOnAfterABindThatFails)
@@ -634,17 +650,29 @@ TEST(CTcpSocketWaitForConnection, EndsWhereNothingCanBeBound)
 
 TEST(CTcpSocketWaitForConnection, EndsAtAListenThatFails)
 {
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("listen"); }, 0x800A),
-              (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                     kServer + "listen() failed 0x800a", "shutdown s1 2", "close s1"}));
+    for (const int error : kPassing) {
+        EXPECT_EQ(serve(
+                      [error](Journal& journal) {
+                          journal.fail("listen", {1, 1, error});
+                      },
+                      0x800A),
+                  (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                         kServer + "listen() failed 0x800a", "shutdown s1 2", "close s1"}));
+    }
 }
 
 TEST(CTcpSocketWaitForConnection, EndsAtAnAcceptThatFails)
 {
-    EXPECT_EQ(
-        serve([](Journal& journal) { journal.fail("accept"); }, 0x800A),
-        (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-               "accept s1 32", kServer + "accept() failed 0x800a", "shutdown s1 2", "close s1"}));
+    for (const int error : kPassing) {
+        EXPECT_EQ(serve(
+                      [error](Journal& journal) {
+                          journal.fail("accept", {1, 1, error});
+                      },
+                      0x800A),
+                  (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                         "accept s1 32", kServer + "accept() failed 0x800a", "shutdown s1 2",
+                         "close s1"}));
+    }
 }
 
 TEST(CTcpSocketWaitForConnection, TakesAnEmptyListForNothingBound)
@@ -653,6 +681,18 @@ TEST(CTcpSocketWaitForConnection, TakesAnEmptyListForNothingBound)
     Handed handed;
     EXPECT_EQ(CTcpSocket_WaitForConnection(&handed, 1, 1), 0x800Au);
     expectReports({report("CTcpSocket_WaitForConnection", "Failed to bind", 0x800A)});
+}
+
+TEST(CTcpSocketWaitForConnection, FreesAListThatComesWithAPositiveResult)
+{
+    ScriptedAddresses addresses({LoopbackAddress(1)}, 1);
+    const Count sockets(calls::socket);
+    Handed handed;
+    EXPECT_EQ(CTcpSocket_WaitForConnection(&handed, 1, 1), 0x800Au);
+    EXPECT_TRUE(handed.isUntouched());
+    EXPECT_EQ(addresses.frees, 1);
+    EXPECT_EQ(sockets.calls(), 0u);
+    expectReports({report("CTcpSocket_WaitForConnection", "getaddrinfo() failed", 0x800A)});
 }
 
 TEST(CTcpSocketWaitForConnection, CreatesEachSocketFromItsEntry)
@@ -681,6 +721,10 @@ TEST(CTcpSocketWaitForConnection, RefusesAPortInUse)
     const OwnedFd holder(socket(family, SOCK_STREAM, 0));
     LoopbackAddress any(0, family);
     if (family == AF_INET6) {
+        // Of both families, whatever the machine's default is.
+        const int onlyIpv6 = 0;
+        ASSERT_EQ(setsockopt(holder.get(), IPPROTO_IPV6, IPV6_V6ONLY, &onlyIpv6, sizeof onlyIpv6),
+                  0);
         reinterpret_cast<sockaddr_in6*>(&any.storage)->sin6_addr = in6addr_any;
     } else {
         reinterpret_cast<sockaddr_in*>(&any.storage)->sin_addr.s_addr = htonl(INADDR_ANY);

@@ -1,14 +1,18 @@
 // The program kivgcl-peernode, as its users run it.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Framework/GCL/HijackApi.h"
@@ -28,7 +32,8 @@ using Arguments = std::vector<std::string>;
 // A run of the program with its standard output and standard error in pipes.
 class Program {
 public:
-    explicit Program(Arguments arguments)
+    // The standard output can be a file instead.
+    explicit Program(Arguments arguments, const char* outputFile = nullptr)
     {
         arguments.insert(arguments.begin(), PEERNODE_PROGRAM);
         std::vector<char*> words;
@@ -42,7 +47,11 @@ public:
         EXPECT_EQ(pipe(errorEnds), 0);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, outEnds[1], 1);
+        if (outputFile != nullptr) {
+            posix_spawn_file_actions_addopen(&actions, 1, outputFile, O_WRONLY, 0);
+        } else {
+            posix_spawn_file_actions_adddup2(&actions, outEnds[1], 1);
+        }
         posix_spawn_file_actions_adddup2(&actions, errorEnds[1], 2);
         for (const int end : {outEnds[0], outEnds[1], errorEnds[0], errorEnds[1]}) {
             posix_spawn_file_actions_addclose(&actions, end);
@@ -60,7 +69,7 @@ public:
             kill(process, SIGKILL);
             waitpid(process, nullptr, 0);
         }
-        close(out);
+        hideOutput();
         close(error);
     }
     Program(const Program&) = delete;
@@ -73,6 +82,21 @@ public:
             line += byte;
         }
         return line;
+    }
+    // From now on nobody can read what the program writes.
+    void hideOutput()
+    {
+        if (out >= 0) {
+            close(out);
+        }
+        out = -1;
+    }
+    // Bytes written that nobody has read yet.
+    int unreadOutput() const
+    {
+        int count = 0;
+        EXPECT_EQ(ioctl(out, FIONREAD, &count), 0);
+        return count;
     }
     std::string restOfOutput() const { return rest(out); }
     std::string restOfErrors() const { return rest(error); }
@@ -89,6 +113,19 @@ public:
     }
 
     void signal(int number) const { EXPECT_EQ(kill(process, number), 0); }
+
+    // Whether it ends within `limit`; its status can be asked for afterwards.
+    bool ends(std::chrono::milliseconds limit) const
+    {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        siginfo_t info{};
+        do {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            EXPECT_EQ(waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT),
+                      0);
+        } while (info.si_pid == 0 && std::chrono::steady_clock::now() < end);
+        return info.si_pid != 0;
+    }
 
     // The exit status, -1 if a signal ended it.
     int status()
@@ -164,9 +201,9 @@ TEST(PeerNodeProgram, PrintsItsHelp)
     Program program({"--help"});
     const std::string help = program.restOfOutput();
     for (const char* const name :
-         {"listen", "port", "tx-sync", "rx-sync", "mode", "first-sequence", "once", "help",
-          "version", "garbage-every", "skip-every", "repeat-every", "oversize-every", "stall-every",
-          "stall-ms", "byte-by-byte", "reset-after"}) {
+         {"listen", "port", "tx-sync", "rx-sync", "mode", "first-sequence", "once", "max-payload",
+          "idle-timeout", "help", "version", "garbage-every", "skip-every", "repeat-every",
+          "oversize-every", "stall-every", "stall-ms", "byte-by-byte", "reset-after"}) {
         EXPECT_NE(help.find(std::string("\n  --") + name), std::string::npos) << name;
     }
     EXPECT_EQ(program.restOfErrors(), "");
@@ -213,6 +250,10 @@ TEST(PeerNodeProgram, RefusesBadUsage)
         {{"--stall-ms=2147483648"},
          "--stall-ms: '2147483648' is not a number from 0 to 2147483647"},
         {{"--reset-after=a"}, "--reset-after: 'a'" + decimal},
+        {{"--max-payload=67108865"},
+         "--max-payload: '67108865' is not a number from 0 to 67108864"},
+        {{"--idle-timeout=2147483648"},
+         "--idle-timeout: '2147483648' is not a number from 0 to 2147483647"},
         {{"--listen=localhost"}, "--listen: 'localhost' is not an IPv4 address"},
     };
     for (const Row& row : rows) {
@@ -264,6 +305,59 @@ TEST(PeerNodeProgram, EndsAfterTheFirstClientIfTold)
     client.hangUp();
     EXPECT_EQ(program.restOfOutput(), "frame 0, 2 bytes: 68 69\n1 frames received, 0 sent\n");
     EXPECT_EQ(program.status(), 0);
+}
+
+TEST(PeerNodeProgram, TellsThatItsOutputIsLost)
+{
+    const std::string complaint = "kivgcl-peernode: cannot write to standard output\n";
+    for (const char* const option : {"--help", "--version", "--port=0"}) {
+        Program program({option}, "/dev/full");
+        EXPECT_EQ(program.restOfErrors(), complaint) << option;
+        EXPECT_EQ(program.status(), 1) << option;
+    }
+    // In the middle, too; the broken-pipe signal must not end it without a word.
+    Program program({"--mode=print"});
+    Client client(program.port());
+    program.hideOutput();
+    client.send("lost");
+    EXPECT_EQ(program.restOfErrors(), complaint);
+    EXPECT_EQ(program.status(), 1);
+}
+
+TEST(PeerNodeProgram, EndsBySecondSignalWhileItsOutputIsBlocked)
+{
+    Program program({"--mode=print"});
+    Client client(program.port());
+    for (int i = 0; i < 2000; ++i) {
+        client.send(std::string(33, 'x'));
+    }
+    // Nobody reads the lines. A pipe holds 64 kB, of the 250 kB of them.
+    for (int i = 0; i < 2000 && program.unreadOutput() < 60'000; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    program.signal(SIGTERM);
+    EXPECT_FALSE(program.ends(std::chrono::milliseconds(300)));
+    program.signal(SIGTERM);
+    EXPECT_TRUE(program.ends(std::chrono::seconds(20)));
+    EXPECT_EQ(program.status(), -1);
+    takeReports();
+}
+
+TEST(PeerNodeProgram, ServesTheNextClientWhereTheFirstOneIsSilent)
+{
+    Program program({"--idle-timeout=200", "--max-payload=4"});
+    const uint16_t port = program.port();
+    Client silent(port);
+    Client busy(port);
+    busy.send("fives"); // is hunted through
+    EXPECT_EQ(busy.exchange("four"), "four");
+    takeReports();
+}
+
+TEST(PeerNodeProgram, ListensWhereItIsTold)
+{
+    Program program({"--listen=127.0.0.2"});
+    EXPECT_EQ(program.outputLine().rfind("listening on 127.0.0.2:", 0), 0u);
 }
 
 TEST(PeerNodeProgram, HandsItsOptionsToTheNode)

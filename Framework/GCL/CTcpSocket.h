@@ -13,7 +13,8 @@
 // Where a comment does not mention a check for NULL, there is none, and a NULL pointer is the
 // caller's error. Where an allocation fails, std::bad_alloc passes through the call, descriptors
 // that it opened are closed, and nothing leaks; a C caller on ARM must be compiled with
-// -fexceptions for that.
+// -fexceptions for that. Create and WaitForConnection allocate the object that they hand out; Write
+// and Read allocate only where they wait for a descriptor of 1024 or more.
 //
 // The module has no state of its own and takes no lock. One object may be used by one thread at a
 // time; callers serialise Close and Destruct against Read and Write. It rests on BSD sockets,
@@ -79,7 +80,8 @@ GCL_API uint32_t CTcpSocket_WaitForConnection(CTcpSocket** ppThis, int32_t iPort
 // has been interrupted; it goes on waiting, at once while select goes on failing, and ends with
 // GCL_TIMED_OUT when a wait times out. It never returns GCL_SOCKET_FAILED for that while bytes
 // remain, and it can keep the processor busy for ever on a descriptor that has become invalid.
-// May raise SIGPIPE (see above).
+// May raise SIGPIPE (see above). A call that throws std::bad_alloc, on a descriptor of 1024 or more
+// with a time-out, may have sent some bytes before: *piDataLen is unchanged and tells no count.
 //   GCL_OK                all bytes are handed to the platform; *piDataLen is unchanged
 //   GCL_INVALID_ARGUMENT  pThis is NULL, the object is closed, pData is NULL, or *piDataLen is
 //                         below 1 (reported)
@@ -113,7 +115,9 @@ GCL_API uint32_t CTcpSocket_Read(CTcpSocket* pThis, void* pReceiveBuffer, int32_
 // pszBuffer holds *piDataLen zeros; hence it must have room for *piDataLen bytes as passed, also
 // where that is above uiMaxMsgSize.
 // The calling thread needs the smaller of *piDataLen and uiMaxMsgSize + 1 bytes of stack beside the
-// usual; where it has less, the process ends with a segmentation fault at the stack's guard page.
+// usual, and only 1 byte where uiMaxMsgSize is 2^31 or more; where it has less, the process ends
+// with a segmentation fault at the stack's guard page (if the compiler that built the library has
+// -fstack-clash-protection for the processor; the build warns where it has not).
 //   the code of CTcpSocket_Read, which also reports under its own name; and
 //   GCL_INVALID_ARGUMENT  *piDataLen is negative; nothing is read or written (reported)
 GCL_API uint32_t CTcpSocket_ReadZT(CTcpSocket* pThis, char* pszBuffer, int32_t* piDataLen);

@@ -52,8 +52,10 @@ public:
     HijackApi& operator=(const HijackApi&) = delete;
 
     // connectToServer connects to the server at serverAddr, a numeric IPv4 address as inet_aton(3)
-    // takes it, and `port`; names are not looked up. It blocks as connect(2) does, and gives the
-    // new socket a receive time-out (SO_RCVTIMEO) of 100 seconds; a failure of that is ignored.
+    // takes it, and the port in serverAddress.sin_port, which the constructor has set; to change
+    // the field `port` has no effect. Names are not looked up. It blocks as connect(2) does, and
+    // gives the new socket a receive time-out (SO_RCVTIMEO) of 100 seconds; a failure of that is
+    // ignored. A connect(2) that a signal interrupts has failed; it is not repeated.
     // Each call writes "Connect to server" (level 4) and opens a new socket; what socketFd held
     // before is overwritten, not closed. The sequence numbers go on where they were.
     //   true   connected; socketFd is the socket
@@ -139,7 +141,7 @@ public:
     int32_t socketFd;          // 0 at first, -1 after a failed connect; the owner closes it
     VorTrace& trace;           // where the messages go; not owned
     uint32_t maxSyncWaitMs;    // milliseconds that the search for a frame may take unwarned
-    uint16_t port;             // the server's TCP port
+    uint16_t port;             // the server's TCP port, as constructed; nothing reads it
     sockaddr_in serverAddress; // the server's address; AF_INET, port, and 0.0.0.0 at first
 };
 

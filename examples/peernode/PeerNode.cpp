@@ -11,13 +11,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <new>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 namespace peernode {
 namespace {
 
+constexpr size_t kHeaderBytes = 12;
 constexpr size_t kPrintedBytes = 32;
 
 [[noreturn]] void throwErrno(const std::string& what)
@@ -78,7 +81,7 @@ public:
             }
             sequenceNumber = wordAt(buffer, used);
             const uint32_t size = wordAt(buffer, used + 4);
-            if (size > kMaxPayload) {
+            if (size > std::min(node.options.maxPayload, kMaxPayload)) {
                 continue; // garbage: hunt on behind the sync id
             }
             used += 8;
@@ -91,7 +94,7 @@ public:
         }
     }
 
-    bool send(const std::string& bytes)
+    bool send(std::string_view bytes)
     {
         const size_t piece = node.options.byteByByte ? 1 : bytes.size();
         for (size_t offset = 0; offset < bytes.size(); offset += piece) {
@@ -141,7 +144,7 @@ private:
     bool receive()
     {
         char chunk[16384];
-        while (node.waitFor(socket.fd, POLLIN, -1) == Event::ready) {
+        while (node.waitFor(socket.fd, POLLIN, idleMs()) == Event::ready) {
             const ssize_t count = recv(socket.fd, chunk, sizeof chunk, 0);
             if (count > 0) {
                 buffer.append(chunk, static_cast<size_t>(count));
@@ -154,15 +157,26 @@ private:
         return false;
     }
 
+    // The limit of a wait for the client.
+    int idleMs() const
+    {
+        const uint32_t limit = node.options.idleTimeoutMs;
+        return limit == 0 ? -1 : static_cast<int>(std::min<uint32_t>(limit, INT32_MAX));
+    }
+
     bool sendPiece(const char* data, size_t length)
     {
         while (length > 0) {
+            // A client that always has room must not keep the node from its end.
+            if (node.waitFor(-1, 0, 0) == Event::stopped) {
+                return false;
+            }
             const ssize_t count = ::send(socket.fd, data, length, MSG_NOSIGNAL);
             if (count >= 0) {
                 data += count;
                 length -= static_cast<size_t>(count);
             } else if (errno == EAGAIN) {
-                if (node.waitFor(socket.fd, POLLOUT, -1) != Event::ready) {
+                if (node.waitFor(socket.fd, POLLOUT, idleMs()) != Event::ready) {
                     return false;
                 }
             } else if (errno != EINTR) {
@@ -284,8 +298,12 @@ void PeerNode::run()
         const int on = 1;
         setOption(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         Client client(*this, fd);
-        serve(client);
-        if (options.once) {
+        try {
+            serve(client);
+        } catch (const std::bad_alloc&) {
+            // What the client sent is too much for this process: it is hung up on.
+        }
+        if (options.once || outputLost) {
             return;
         }
     }
@@ -298,7 +316,10 @@ void PeerNode::serve(Client& client)
     while (client.take(sequenceNumber, payload)) {
         ++received;
         if (options.mode == Mode::print) {
-            print(sequenceNumber, payload);
+            if (!print(sequenceNumber, payload)) {
+                outputLost = true;
+                return;
+            }
         } else if (!reply(client, payload)) {
             return;
         }
@@ -320,13 +341,18 @@ uint32_t PeerNode::takeSequenceNumber()
 bool PeerNode::reply(Client& client, const std::string& payload)
 {
     ++frameNumber;
-    const uint32_t sequenceBefore = nextSequence;
+    const uint32_t sequenceBefore = nextSequence; // again, unless the frame goes out whole
     const uint32_t size = due(options.oversizeEvery, frameNumber)
                               ? UINT32_MAX
                               : static_cast<uint32_t>(payload.size());
-    const std::string frame =
-        bigEndian(options.txSyncId) + bigEndian(takeSequenceNumber()) + bigEndian(size) + payload;
-    const std::string firstHalf = frame.substr(0, frame.size() / 2);
+    std::string frame;
+    frame.reserve(kHeaderBytes + payload.size()); // before a number is taken: it may throw
+    frame += bigEndian(options.txSyncId);
+    frame += bigEndian(takeSequenceNumber());
+    frame += bigEndian(size);
+    frame += payload;
+    const std::string_view firstHalf = std::string_view(frame).substr(0, frame.size() / 2);
+    const std::string_view secondHalf = std::string_view(frame).substr(firstHalf.size());
     bool whole =
         !due(options.garbageEvery, frameNumber) || client.send(garbageFor(options.txSyncId));
     if (options.resetAfter != 0 && client.framesSent == options.resetAfter) {
@@ -334,8 +360,8 @@ bool PeerNode::reply(Client& client, const std::string& payload)
         client.resetOnClose();
         whole = false;
     } else if (due(options.stallEvery, frameNumber)) {
-        whole = whole && client.send(firstHalf) && pauseFor(options.stallMs) &&
-                client.send(frame.substr(firstHalf.size()));
+        whole =
+            whole && client.send(firstHalf) && pauseFor(options.stallMs) && client.send(secondHalf);
     } else {
         whole = whole && client.send(frame);
     }
@@ -348,10 +374,11 @@ bool PeerNode::reply(Client& client, const std::string& payload)
     return true;
 }
 
-void PeerNode::print(uint32_t sequenceNumber, const std::string& payload) const
+// Writes the line for a frame; false if it is lost.
+bool PeerNode::print(uint32_t sequenceNumber, const std::string& payload) const
 {
     if (options.output == nullptr) {
-        return;
+        return true;
     }
     std::string line = "frame " + std::to_string(sequenceNumber) + ", " +
                        std::to_string(payload.size()) + " bytes:";
@@ -362,7 +389,7 @@ void PeerNode::print(uint32_t sequenceNumber, const std::string& payload) const
         line += digits;
     }
     line += payload.size() > kPrintedBytes ? " ...\n" : "\n";
-    *options.output << line << std::flush;
+    return static_cast<bool>(*options.output << line << std::flush);
 }
 
 } // namespace peernode

@@ -7,7 +7,10 @@
 //
 // Outgoing frames are counted over the node's life, from 1 on, and so are their sequence numbers: a
 // client that reconnects finds both where they were. A fault that is due "every n frames" strikes
-// frames n, 2n, 3n and so on; 0 means never. Several may strike one frame.
+// frames n, 2n, 3n and so on; 0 means never. Several may strike one frame; where a number is to be
+// left out and repeated at once, it is repeated.
+//
+// A client that the node has no memory for is hung up on.
 #ifndef EXAMPLES_PEERNODE_PEERNODE_H
 #define EXAMPLES_PEERNODE_PEERNODE_H
 
@@ -33,6 +36,12 @@ struct Options {
     Mode mode = Mode::echo;
     uint32_t firstSequence = 1; // number of the first frame sent; clients expect 1
     bool once = false;          // ends after the first client
+    // The longest payload that the node accepts, at most kMaxPayload; the start of a longer frame
+    // is taken for garbage.
+    uint32_t maxPayload = 1u << 20;
+    // Hangs up on a client that neither sends nor takes a byte for so many milliseconds, so that
+    // the next one is served; 0: never.
+    uint32_t idleTimeoutMs = 0;
 
     // Faults of the frames sent.
     uint32_t garbageEvery = 0;  // sends bytes before the frame that look much like its start
@@ -45,10 +54,11 @@ struct Options {
     uint32_t resetAfter = 0;    // resets the connection in the middle of the frame that follows
                                 // this many to one client; 0: never
 
-    std::ostream* output = nullptr; // used by the node's thread in mode print; not owned
+    // Used by the node's thread in mode print; not owned. The node ends where a line is lost.
+    std::ostream* output = nullptr;
 };
 
-// The longest payload that a node accepts; the start of a longer frame is taken for garbage.
+// The greatest value of Options::maxPayload.
 constexpr uint32_t kMaxPayload = 64u << 20;
 
 class PeerNode {
@@ -94,7 +104,7 @@ private:
     void run();
     void serve(Client& client);
     bool reply(Client& client, const std::string& payload);
-    void print(uint32_t sequenceNumber, const std::string& payload) const;
+    bool print(uint32_t sequenceNumber, const std::string& payload) const;
     uint32_t takeSequenceNumber();
 
     const Options options;
@@ -105,6 +115,7 @@ private:
     uint32_t nextSequence = 0; // for a frame without a fault
     std::atomic<uint64_t> received{0};
     std::atomic<uint64_t> sent{0};
+    bool outputLost = false;
     std::thread thread;
 };
 

@@ -30,13 +30,18 @@ frames that they send, and echoes or prints them.
                        them (echo)
   --first-sequence=N   sequence number of the first frame sent (1)
   --once               end after the first client
+  --max-payload=BYTES  longest payload accepted, at most 67108864 (1048576);
+                       the start of a longer frame is taken for garbage
+  --idle-timeout=MS    hang up on a client that neither sends nor takes a byte
+                       for so long, and serve the next one; 0 means never (0)
   --help               print this text and end
   --version            print the version and end
 
 Faults of the frames sent; N counts them from 1, 0 means never:
   --garbage-every=N    send garbage before every Nth frame
   --skip-every=N       leave out a sequence number before every Nth frame
-  --repeat-every=N     repeat the sequence number with every Nth frame
+  --repeat-every=N     repeat the sequence number with every Nth frame; where
+                       both are due, it is repeated
   --oversize-every=N   announce 4294967295 payload bytes with every Nth frame
   --stall-every=N      pause in the middle of every Nth frame
   --stall-ms=MS        how long to pause, in milliseconds (1000)
@@ -44,7 +49,8 @@ Faults of the frames sent; N counts them from 1, 0 means never:
   --reset-after=N      reset the connection in the middle of the frame that
                        follows N frames to a client
 
-SIGINT and SIGTERM end the program.
+SIGINT and SIGTERM end the program; a second one ends it at once, also where
+it waits for whoever reads its output.
 Exit status: 0 after a regular end, 1 after a failure, 2 for bad usage.
 )";
 
@@ -56,6 +62,8 @@ enum Option {
     kMode,
     kFirstSequence,
     kOnce,
+    kMaxPayloadOption,
+    kIdleTimeout,
     kHelpOption,
     kVersion,
     kGarbageEvery,
@@ -76,6 +84,8 @@ const option kOptions[] = {
     {"mode", required_argument, nullptr, kMode},
     {"first-sequence", required_argument, nullptr, kFirstSequence},
     {"once", no_argument, nullptr, kOnce},
+    {"max-payload", required_argument, nullptr, kMaxPayloadOption},
+    {"idle-timeout", required_argument, nullptr, kIdleTimeout},
     {"help", no_argument, nullptr, kHelpOption},
     {"version", no_argument, nullptr, kVersion},
     {"garbage-every", required_argument, nullptr, kGarbageEvery},
@@ -123,6 +133,14 @@ peernode::Mode mode()
     throw BadUsage("--mode: '" + text + "' is neither 'echo' nor 'print'");
 }
 
+// Writes to standard output at once; output that is lost is a failure.
+void print(const std::string& text)
+{
+    if (!(std::cout << text << std::flush)) {
+        throw std::runtime_error("cannot write to standard output");
+    }
+}
+
 // Ends the program where an option asks for it.
 peernode::Options parse(int argc, char** argv)
 {
@@ -155,11 +173,17 @@ peernode::Options parse(int argc, char** argv)
         case kOnce:
             options.once = true;
             break;
+        case kMaxPayloadOption:
+            options.maxPayload = decimal(peernode::kMaxPayload);
+            break;
+        case kIdleTimeout:
+            options.idleTimeoutMs = decimal(INT32_MAX);
+            break;
         case kHelpOption:
-            std::cout << kHelp << std::flush;
+            print(kHelp);
             std::exit(0);
         case kVersion:
-            std::cout << kProgram << " " << PEERNODE_VERSION << std::endl;
+            print(std::string(kProgram) + " " + PEERNODE_VERSION + "\n");
             std::exit(0);
         case kGarbageEvery:
             options.garbageEvery = decimal();
@@ -199,24 +223,43 @@ peernode::PeerNode* runningNode = nullptr; // for the signal handler
 
 void endNode(int)
 {
+    // The node cannot end while its output is blocked: a second signal ends the program.
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
     runningNode->requestStop();
 }
+
+// While it exists, signals end the node. It goes before the node does, however that comes about.
+class EndOnSignal {
+public:
+    explicit EndOnSignal(peernode::PeerNode& node)
+    {
+        runningNode = &node;
+        std::signal(SIGINT, endNode);
+        std::signal(SIGTERM, endNode);
+    }
+    ~EndOnSignal()
+    {
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+    }
+    EndOnSignal(const EndOnSignal&) = delete;
+    EndOnSignal& operator=(const EndOnSignal&) = delete;
+};
 
 void run(peernode::Options options)
 {
     options.output = &std::cout;
     peernode::PeerNode node(options);
-    runningNode = &node;
+    // Output that nobody reads any more is a failure to be told, not an end without a word.
     std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGINT, endNode);
-    std::signal(SIGTERM, endNode);
+    const EndOnSignal endOnSignal(node);
     const uint16_t port = node.start();
-    std::cout << "listening on " << options.listenAddress << ":" << port << std::endl;
+    print("listening on " + options.listenAddress + ":" + std::to_string(port) + "\n");
     node.wait();
-    std::signal(SIGINT, SIG_IGN);
-    std::signal(SIGTERM, SIG_IGN);
-    std::cout << node.framesReceived() << " frames received, " << node.framesSent() << " sent"
-              << std::endl;
+    // A line that the node could not write has left its mark in the stream.
+    print(std::to_string(node.framesReceived()) + " frames received, " +
+          std::to_string(node.framesSent()) + " sent\n");
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #define EXAMPLES_UNITMONITOR_CONSOLE_H
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,14 @@ public:
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
+    // Whether it serves nobody any more, because the port was not to be had.
+    bool hasFailed() const { return ended; }
+
+    // Asks itself the last questions, within `limit`, and returns the answers, as askConsole does.
+    // The client that it serves meanwhile has to go after its next command, or a second of silence.
+    std::vector<std::string> askLast(const std::vector<std::string>& commands,
+                                     std::chrono::seconds limit);
+
 private:
     void serve();
     void talk(CTcpSocket& socket);
@@ -32,6 +41,8 @@ private:
     int port;
     Store& store;
     SamplePool& pool;
+    std::atomic<bool> waiting{false};  // for a client, or about to
+    std::atomic<bool> hurrying{false}; // the last questions are asked
     std::atomic<bool> ending{false};
     std::atomic<bool> ended{false};
     std::thread thread;
@@ -40,6 +51,9 @@ private:
 // Asks the console on `port` of this machine and returns its answers, one for each command; fewer
 // if the connection fails.
 std::vector<std::string> askConsole(int port, const std::vector<std::string>& commands);
+
+// A TCP port that nobody uses at the moment. Throws std::runtime_error if there is none.
+int freePort();
 
 } // namespace unitmonitor
 

@@ -24,6 +24,7 @@ namespace {
 constexpr uint32_t kBlocks = 32;     // samples on their way at a time
 constexpr uint32_t kQueued = 16;     // of them, in the hand-over
 constexpr uint32_t kLastSamples = 8; // that the store keeps
+constexpr std::chrono::seconds kAskLimit{20};
 
 // The hand-over from the timer's thread to the consumer's: addresses of samples.
 class HandOver {
@@ -82,7 +83,8 @@ bool runMonitor(const MonitorOptions& options)
     HandOver handOver;
     Store store(kLastSamples);
     Link link;
-    Console console(options.consolePort, store, pool);
+    const int consolePort = options.consolePort != 0 ? options.consolePort : freePort();
+    Console console(consolePort, store, pool);
     Sampler sampler(pool, handOver.fifo);
     std::thread consumer([&] { consume(handOver, pool, store, link); });
 
@@ -100,7 +102,7 @@ bool runMonitor(const MonitorOptions& options)
 
     std::printf("sampling every %lld ms for %lld ms; ask with: nc 127.0.0.1 %d\n",
                 static_cast<long long>(options.period.count()),
-                static_cast<long long>(options.duration.count()), options.consolePort);
+                static_cast<long long>(options.duration.count()), consolePort);
     std::fflush(stdout);
     if (!sampling->start(options.period) || !ending.start(options.duration)) {
         std::fprintf(stderr, "unit-monitor: a timer could not be started\n");
@@ -118,7 +120,13 @@ bool runMonitor(const MonitorOptions& options)
     std::printf("%u rounds of samples; the peer node echoed %u samples\n", rounds,
                 link.exchanged());
     const std::vector<std::string> commands = {"stats", "get memory.available.kB", "last"};
-    const std::vector<std::string> answers = askConsole(options.consolePort, commands);
+    std::vector<std::string> answers;
+    if (console.hasFailed()) {
+        // Somebody else may listen there: that one is not asked.
+        std::fprintf(stderr, "unit-monitor: the console could not serve port %d\n", consolePort);
+    } else {
+        answers = console.askLast(commands, kAskLimit);
+    }
     for (size_t i = 0; i < answers.size(); ++i) {
         std::printf("console> %s\n%s", commands[i].c_str(), answers[i].c_str());
     }

@@ -10,7 +10,7 @@ namespace unitmonitor {
 struct MonitorOptions {
     std::chrono::milliseconds duration{3000}; // how long the monitor runs
     std::chrono::milliseconds period{250};    // from one round of samples to the next
-    int consolePort = 4680;                   // TCP port of the console
+    int consolePort = 4680;                   // TCP port of the console; 0: any free one
 };
 
 // Runs the monitor and prints what it has seen. Returns false if something did not work.

@@ -79,21 +79,21 @@ constexpr char kUsage[] =
     "  -s, --seconds=N    run for N seconds (default 3)\n"
     "  -p, --period=MS    take samples every MS milliseconds (default 250)\n"
     "  -c, --console=PORT answer questions on TCP port PORT (default 4680), on every address;\n"
-    "                     try: nc 127.0.0.1 4680\n"
+    "                     0 takes any free port; try: nc 127.0.0.1 4680\n"
     "  -h, --help         show this text\n"
     "\n"
     "VT_OUTPUT and VT_LEVELS say where its traces go and which are written (see VT.h).\n";
 
 constexpr int kBadUsage = 2;
 
-// The number from 1 to `most` that an option was given; it ends the program if that is none.
-int numberOf(const char* option, const char* text, long most)
+// The number from `least` to `most` that an option was given; it ends the program if that is none.
+int numberOf(const char* option, const char* text, long least, long most)
 {
     char* rest = nullptr;
     const long number = std::strtol(text, &rest, 10);
-    if (*text == '\0' || *rest != '\0' || number < 1 || number > most) {
-        std::fprintf(stderr, "unit-monitor: %s takes a number from 1 to %ld, not '%s'\n", option,
-                     most, text);
+    if (*text == '\0' || *rest != '\0' || number < least || number > most) {
+        std::fprintf(stderr, "unit-monitor: %s takes a number from %ld to %ld, not '%s'\n", option,
+                     least, most, text);
         std::exit(kBadUsage);
     }
     return static_cast<int>(number);
@@ -113,13 +113,13 @@ unitmonitor::MonitorOptions parseOptions(int argc, char** argv)
         case -1:
             break;
         case 's':
-            options.duration = std::chrono::seconds(numberOf("--seconds", optarg, 1000000));
+            options.duration = std::chrono::seconds(numberOf("--seconds", optarg, 1, 1000000));
             break;
         case 'p':
-            options.period = std::chrono::milliseconds(numberOf("--period", optarg, 1000000));
+            options.period = std::chrono::milliseconds(numberOf("--period", optarg, 1, 1000000));
             break;
         case 'c':
-            options.consolePort = numberOf("--console", optarg, 65535);
+            options.consolePort = numberOf("--console", optarg, 0, 65535);
             break;
         case 'h':
             std::fputs(kUsage, stdout);
@@ -139,6 +139,8 @@ unitmonitor::MonitorOptions parseOptions(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    // A console client that goes before it has its answer ends its connection, not the program.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         const unitmonitor::MonitorOptions options = parseOptions(argc, argv);
         if (!showProcesses()) {
