@@ -17,8 +17,8 @@
 // other thread calls the same object; a timer must not be destroyed or moved to by its own
 // callback. After fork(2) the child has no workers: it may call exec or _exit, but no timer.
 // Destroy timers before the library is unloaded or the process ends. The worker of one that is left
-// over runs on, silently once the trace object is gone; the library stays mapped as long as it
-// lives. What its callback needs must last as long.
+// over runs on, silently once the trace object is gone; the library stays mapped until the timer is
+// destroyed (dlopen(3)). What its callback needs must last as long.
 //
 // Time: a one-shot timer keeps its moment on the monotonic clock, a cyclic one counts each period
 // from the moment when the wait begins, which is after the previous callback has returned: a cycle

@@ -1,6 +1,7 @@
 #include "Framework/GCL/CTimer.h"
 
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -51,6 +52,8 @@ public:
     }
 
     void leave() { state.fetch_sub(1, std::memory_order_release); }
+
+    bool isOpen() const { return (state.load(std::memory_order_acquire) & kOpen) != 0; }
 
     void open() { state.fetch_or(kOpen, std::memory_order_release); }
 
@@ -230,16 +233,39 @@ int64_t steadyClockNs()
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-// While a thread that has called this lives, the C library does not unmap this library: a worker
-// that is left over when the library is unloaded runs on in code that is still there.
-void keepLibraryMappedForThisThread()
-{
-    struct Pin {
-        ~Pin() { __asm__ volatile(""); } // not trivial: the thread's end must have it to call
-    };
-    static thread_local Pin pin;
-    static_cast<void>(pin);
-}
+// LibraryReference keeps this library mapped while it lives: a worker that is left over when the
+// library is unloaded runs on in code that is still there. It is the owner's thread that takes and
+// drops it, before the worker exists and when it has ended: the loader's lock, which a thread that
+// loads a library holds while that library's objects are built, is not for the worker to wait for.
+class LibraryReference {
+public:
+    LibraryReference() : handle(nullptr)
+    {
+        // Outside the lifetime of the library's own objects the process is starting or ending and
+        // keeps the library itself; asking the loader for it would build them out of turn.
+        if (!traceGate.isOpen()) {
+            return;
+        }
+        const gcl::ErrnoSaver errnoSaver;
+        Dl_info library{};
+        if (dladdr(&traceGate, &library) != 0) {
+            // NULL where there is nothing to keep: the library is a part of the program itself.
+            handle = dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+        }
+    }
+    ~LibraryReference()
+    {
+        if (handle != nullptr) {
+            const gcl::ErrnoSaver errnoSaver;
+            static_cast<void>(dlclose(handle));
+        }
+    }
+    LibraryReference(const LibraryReference&) = delete;
+    LibraryReference& operator=(const LibraryReference&) = delete;
+
+private:
+    void* handle;
+};
 
 } // namespace
 
@@ -304,6 +330,7 @@ private:
     bool terminating;   // destruction has begun; never cleared
     // The worker exists and runs its loop. Without one, stop() acknowledges for it.
     bool hasWorker;
+    LibraryReference library; // what the worker runs in
 };
 
 CATCHES_FORCED_UNWINDING
@@ -408,7 +435,6 @@ void CTimer::Impl::wait_for_thread()
 CATCHES_FORCED_UNWINDING
 void CTimer::Impl::timer_thread_function()
 {
-    keepLibraryMappedForThisThread();
     try {
         TIMER_TRACE(VorTraceLevel5, quotedName, " entered thread function [", this, "].");
         // Neither can fail with these arguments, and the timer works without them.
