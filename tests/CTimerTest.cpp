@@ -941,6 +941,98 @@ TEST(CTimerForcedUnwinding, MayHitTheWaits)
     }
 }
 
+// Runs `body` in a thread of its own, which is cancelled as soon as `ready`.
+template <typename Ready, typename Body>
+void runCancelled(Ready ready, Body body)
+{
+    pthread_t thread{};
+    std::function<void()> function = body;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void* arg) -> void* {
+                      (*static_cast<std::function<void()>*>(arg))();
+                      return nullptr;
+                  },
+                  &function),
+              0);
+    EXPECT_TRUE(eventually(ready));
+    EXPECT_EQ(pthread_cancel(thread), 0);
+    void* result = nullptr;
+    EXPECT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+// The trace framework ends the constructing thread while the worker exists already.
+TEST(CTimerForcedUnwinding, OfTheConstructorEndsTheWorker)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    const auto token = std::make_shared<int>(0);
+    for (const bool cancelled : {false, true}) {
+        for (const CTimer::Policy policy : {CTimer::Default, CTimer::Other}) {
+            for (int nth = 1; nth <= 2; ++nth) {
+                std::atomic<int> messages{0};
+                std::atomic<bool> constructed{false};
+                std::atomic<bool> ended{false};
+                const gcltest::BeginHook hook([&](const Report& report) {
+                    if (report.function != "Impl" || ++messages != nth) {
+                        return;
+                    }
+                    if (cancelled) {
+                        pthread_cancel(pthread_self());
+                        pthread_testcancel();
+                    }
+                    pthread_exit(nullptr);
+                });
+                std::thread([&] {
+                    struct End {
+                        std::atomic<bool>& flag;
+                        ~End() { flag = true; }
+                    } const end{ended};
+                    const CTimer timer([token](void*) {}, nullptr, "unwound", policy, 0,
+                                       CTimer::Cyclic);
+                    constructed = true;
+                }).join();
+                EXPECT_TRUE(ended);
+                EXPECT_FALSE(constructed);
+                EXPECT_EQ(messages, nth);
+                EXPECT_EQ(token.use_count(), 1);
+            }
+        }
+    }
+}
+
+TEST(CTimerForcedUnwinding, OfTheOwnerComesAfterTheDestruction)
+{
+    for (const bool assigned : {false, true}) {
+        setTraceLevel("KIV.CTimer", 5);
+        TimerReports reports;
+        Blocker blocker;
+        std::atomic<bool> destroyed{false};
+        std::thread release([&] {
+            EXPECT_TRUE(eventually([&] { return !reports.of("wait_for_thread").empty(); }));
+            pause(50); // the owner is cancelled in its join
+            blocker.released = true;
+        });
+        runCancelled([&] { return blocker.entered.load(); },
+                     [&] {
+                         {
+                             CTimer timer(blocker.callback(), nullptr, "owned", CTimer::Cyclic);
+                             EXPECT_TRUE(timer.start(Milliseconds(0)));
+                             while (!blocker.entered) {
+                                 std::this_thread::yield(); // no cancellation point
+                             }
+                             if (assigned) {
+                                 timer = CTimer(ignore, nullptr, "next", CTimer::Cyclic);
+                             }
+                         }
+                         destroyed = blocker.left.load();
+                         pthread_testcancel();
+                     });
+        release.join();
+        EXPECT_TRUE(destroyed);
+    }
+}
+
 // --- The worker --------------------------------------------------------------------------------
 
 TEST(CTimerWorker, HasTheSmallestTimerSlack)

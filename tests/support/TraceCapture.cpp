@@ -59,6 +59,22 @@ thread_local OpenMessage openMessage;
 
 std::atomic<bool> withoutImpl{false};
 
+std::atomic<std::function<void(const Report&)>*> beginHook{nullptr};
+thread_local bool insideBeginHook = false;
+
+void callBeginHook(const Report& report)
+{
+    std::function<void(const Report&)>* const body = beginHook;
+    if (body == nullptr || insideBeginHook) {
+        return;
+    }
+    struct Inside {
+        Inside() { insideBeginHook = true; }
+        ~Inside() { insideBeginHook = false; }
+    } guard;
+    (*body)(report);
+}
+
 void noteCall(const std::string& call)
 {
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
@@ -67,6 +83,7 @@ void noteCall(const std::string& call)
 
 void openReport(const std::string& channel, int level, const VorTraceHeader& header)
 {
+    callBeginHook({channel, level, header.file, header.function, ""});
     openMessage.open = true;
     openMessage.report = {channel, level, header.file, header.function, ""};
     openMessage.line = header.line;
@@ -203,6 +220,16 @@ Report gclReport(const std::string& module, const std::string& function, const s
                   static_cast<unsigned long>(code));
     return {"KIV.GCL", levelOfCode(code), "Framework/GCL/private/" + module, function,
             text + codeLine};
+}
+
+BeginHook::BeginHook(std::function<void(const Report&)> body)
+{
+    beginHook = new std::function<void(const Report&)>(std::move(body));
+}
+
+BeginHook::~BeginHook()
+{
+    delete beginHook.exchange(nullptr);
 }
 
 void setTraceLevel(const std::string& name, int level)

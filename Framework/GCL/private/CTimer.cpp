@@ -267,6 +267,22 @@ private:
     void* handle;
 };
 
+// While it lives, the calling thread is not cancelled: a join is a cancellation point, and a
+// destructor must not be left half-way.
+class CancellationPause {
+public:
+    CancellationPause()
+    {
+        static_cast<void>(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state));
+    }
+    ~CancellationPause() { static_cast<void>(pthread_setcancelstate(state, nullptr)); }
+    CancellationPause(const CancellationPause&) = delete;
+    CancellationPause& operator=(const CancellationPause&) = delete;
+
+private:
+    int state = PTHREAD_CANCEL_ENABLE;
+};
+
 } // namespace
 
 // --- The implementation ------------------------------------------------------------------------
@@ -358,8 +374,21 @@ CTimer::Impl::Impl(std::function<void(void*)> callbackToRun, void* callbackArg,
         hasWorker = false;
         return;
     }
-    TIMER_TRACE(VorTraceLevel5, quotedName, " thread successfully created [", this, "].");
-    apply_scheduling(policy, priority);
+    try {
+        TIMER_TRACE(VorTraceLevel5, quotedName, " thread successfully created [", this, "].");
+        apply_scheduling(policy, priority);
+    } catch (...) {
+        // pthread_exit or cancellation from inside the trace framework: the worker must not outlive
+        // the object.
+        const CancellationPause pause;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            terminating = true;
+            cond.notify_all();
+        }
+        thread.join();
+        throw;
+    }
 }
 
 bool CTimer::Impl::start(std::chrono::milliseconds duration)
@@ -421,6 +450,7 @@ bool CTimer::Impl::isRunning() const
 
 void CTimer::Impl::wait_for_thread()
 {
+    const CancellationPause pause;
     {
         const std::lock_guard<std::mutex> lock(mutex);
         terminating = true;
