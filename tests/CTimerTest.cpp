@@ -29,6 +29,7 @@ using gcltest::Milliseconds;
 using gcltest::pause;
 using gcltest::Report;
 using gcltest::setTraceLevel;
+using gcltest::SleepWatch;
 using gcltest::takeReports;
 using gcltest::Threads;
 using gcltest::timerReport;
@@ -89,6 +90,27 @@ std::string threadName()
     char name[17] = "";
     EXPECT_EQ(prctl(PR_GET_NAME, name), 0);
     return name;
+}
+
+// Runs `body` in a thread of its own, which is cancelled as soon as `ready`.
+template <typename Ready, typename Body>
+void runCancelled(Ready ready, Body body)
+{
+    pthread_t thread{};
+    std::function<void()> function = body;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void* arg) -> void* {
+                      (*static_cast<std::function<void()>*>(arg))();
+                      return nullptr;
+                  },
+                  &function),
+              0);
+    EXPECT_TRUE(eventually(ready));
+    EXPECT_EQ(pthread_cancel(thread), 0);
+    void* result = nullptr;
+    EXPECT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 // --- Construction ------------------------------------------------------------------------------
@@ -679,8 +701,12 @@ TEST(CTimerDestruction, WakesAStartThatWaitsForAStop)
     EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
     timer->stop();
     std::atomic<bool> refused{false};
-    std::thread starter([&] { refused = !timer->start(Milliseconds(0)); });
-    pause(50);
+    SleepWatch watch;
+    std::thread starter([&] {
+        watch.announce();
+        refused = !timer->start(Milliseconds(0));
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
     EXPECT_FALSE(refused);
     std::thread destroyer([&] { delete timer; });
     EXPECT_TRUE(eventually([&] { return refused.load(); })); // before the callback has returned
@@ -690,6 +716,59 @@ TEST(CTimerDestruction, WakesAStartThatWaitsForAStop)
         timerReport(2, "start", "\"ending\" must not call start() when being terminated.")));
     blocker.released = true;
     destroyer.join();
+}
+
+TEST(CTimerDestruction, WaitsForAStartThatItRefuses)
+{
+    Blocker blocker;
+    auto* const timer = new CTimer(blocker.callback(), nullptr, "ending", CTimer::Cyclic);
+    EXPECT_TRUE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    timer->stop();
+    std::atomic<bool> deleted{false};
+    std::atomic<bool> refusing{false};
+    std::atomic<bool> deletedMeanwhile{false};
+    const gcltest::BeginHook hook([&](const Report& report) {
+        if (report.function == "start") {
+            refusing = true;
+            blocker.released = true; // nothing else holds up the destruction
+            pause(100);
+            deletedMeanwhile = deleted.load();
+        }
+    });
+    SleepWatch watch;
+    std::thread starter([&] {
+        watch.announce();
+        EXPECT_FALSE(timer->start(Milliseconds(0)));
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
+    std::thread destroyer([&] {
+        delete timer;
+        deleted = true;
+    });
+    EXPECT_TRUE(eventually([&] { return refusing.load(); }));
+    starter.join();
+    destroyer.join();
+    EXPECT_FALSE(deletedMeanwhile);
+}
+
+TEST(CTimerForcedUnwinding, OfAStartThatWaitsLeavesTheTimerToItsDestruction)
+{
+    Blocker blocker;
+    SleepWatch watch;
+    {
+        CTimer timer(blocker.callback(), nullptr, "waiting", CTimer::Cyclic);
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+        timer.stop();
+        runCancelled([&] { return watch.eventuallyAsleep(); },
+                     [&] {
+                         watch.announce();
+                         timer.start(Milliseconds(0));
+                     });
+        blocker.released = true;
+    }
+    EXPECT_TRUE(blocker.left);
 }
 
 // --- Exceptions --------------------------------------------------------------------------------
@@ -900,8 +979,12 @@ TEST(CTimerForcedUnwinding, AcknowledgesAPendingStop)
     EXPECT_TRUE(timer.start(Milliseconds(0)));
     EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
     timer.stop();
-    std::thread starter([&] { EXPECT_TRUE(timer.start(Milliseconds(0))); });
-    pause(20);
+    SleepWatch watch;
+    std::thread starter([&] {
+        watch.announce();
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
     blocker.released = true;
     starter.join();
     timer.stop();
@@ -913,53 +996,29 @@ TEST(CTimerForcedUnwinding, MayHitTheWaits)
     for (const CTimer::Type type : {CTimer::NonCyclic, CTimer::Cyclic}) {
         for (const bool idle : {false, true}) {
             std::atomic<pthread_t> worker{};
-            std::atomic<bool> called{false};
+            SleepWatch watch;
             Calls calls;
             CTimer timer(
-                [&](void*) {
+                [&](void* arg) {
                     worker = pthread_self();
-                    called = true;
+                    watch.announce();
+                    calls.callback()(arg);
                 },
                 nullptr, "cancel", type);
             EXPECT_TRUE(timer.start(Milliseconds(0)));
-            EXPECT_TRUE(eventually([&] { return called.load(); }));
+            EXPECT_TRUE(eventually([&] { return calls.count > 0; }));
             timer.stop();
+            EXPECT_TRUE(timer.start(kForever)); // the first run is over
             if (idle) {
-                EXPECT_TRUE(timer.start(kForever));
                 timer.stop();
-                pause(20);
-            } else {
-                EXPECT_TRUE(timer.start(kForever));
             }
+            EXPECT_TRUE(watch.eventuallyAsleep());
             ASSERT_EQ(pthread_cancel(worker), 0);
-            pause(20);
-            if (!idle) {
-                EXPECT_TRUE(eventually([&] { return !timer.isRunning(); }));
-            }
+            EXPECT_TRUE(watch.eventuallyEnded());
+            EXPECT_FALSE(timer.isRunning());
             expectWorksWithoutWorker(timer, calls);
         }
     }
-}
-
-// Runs `body` in a thread of its own, which is cancelled as soon as `ready`.
-template <typename Ready, typename Body>
-void runCancelled(Ready ready, Body body)
-{
-    pthread_t thread{};
-    std::function<void()> function = body;
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void* arg) -> void* {
-                      (*static_cast<std::function<void()>*>(arg))();
-                      return nullptr;
-                  },
-                  &function),
-              0);
-    EXPECT_TRUE(eventually(ready));
-    EXPECT_EQ(pthread_cancel(thread), 0);
-    void* result = nullptr;
-    EXPECT_EQ(pthread_join(thread, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 // The trace framework ends the constructing thread while the worker exists already.

@@ -68,7 +68,8 @@ TEST_F(Clock, TellsTheRealTimeInNanoseconds)
 TEST_F(Clock, WaitsForSecondsAndNanosecondsWhateverEndsTheWait)
 {
     for (const int result : {0, ETIMEDOUT, EINVAL}) {
-        EXPECT_EQ(waitFor(1'700'000'000 * kSecond + 5, result), (std::vector<Due>{{1'700'000'000, 5}}));
+        EXPECT_EQ(waitFor(1'700'000'000 * kSecond + 5, result),
+                  (std::vector<Due>{{1'700'000'000, 5}}));
         EXPECT_EQ(waitFor(kYear2038 * kSecond + 999'999'999, result),
                   (std::vector<Due>{{kYear2038, 999'999'999}}));
         EXPECT_EQ(waitFor(INT64_MAX, result), (std::vector<Due>{{9'223'372'036, 854'775'807}}));

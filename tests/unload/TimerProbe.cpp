@@ -1,7 +1,7 @@
 // What becomes of timers that are left over when the library is unloaded or the process ends. The
 // program is not linked to the library: a plug-in brings it.
 //
-//     TimerProbe <plug-in> idle|running|fresh|loading|exit
+//     TimerProbe <plug-in> idle|running|fresh|loading|silent|exit
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -174,6 +174,22 @@ int runWhileLoading(const char* path)
     return 0;
 }
 
+// Where the trace framework gives no implementation, nothing is written, whatever it says about the
+// level.
+int workSilently(const char* path)
+{
+    gcltest::buildTracesWithoutImpl(true);
+    load(path);
+    startTimers(2);
+    for (void* const timer : *timers) {
+        functionOf<void(void*)>("destroyTimer")(timer);
+    }
+    if (!gcltest::takeReports().empty()) {
+        fail("there are messages");
+    }
+    return 0;
+}
+
 // Processes end while their timers' callbacks throw.
 int exitRunning(const char* path)
 {
@@ -190,7 +206,7 @@ int exitRunning(const char* path)
 int main(int argc, char** argv)
 {
     if (argc != 3) {
-        fail("TimerProbe <plug-in> idle|running|fresh|loading|exit");
+        fail("TimerProbe <plug-in> idle|running|fresh|loading|silent|exit");
     }
     const std::string mode = argv[2];
     if (mode == "exit") {
@@ -198,6 +214,9 @@ int main(int argc, char** argv)
     }
     if (mode == "fresh") {
         return unloadFresh(argv[1]);
+    }
+    if (mode == "silent") {
+        return workSilently(argv[1]);
     }
     if (mode == "loading") {
         return runWhileLoading(argv[1]);

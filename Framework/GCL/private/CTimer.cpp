@@ -103,7 +103,8 @@ TraceObject traceObject;
 class TracePass {
 public:
     explicit TracePass(VorTraceLevel level)
-        : inside(traceGate.enter()), toWrite(inside && traceObject.trace.level() >= level)
+        : inside(traceGate.enter()),
+          toWrite(inside && traceObject.trace.hasImpl() && traceObject.trace.level() >= level)
     {
     }
     ~TracePass()
@@ -324,6 +325,8 @@ private:
     void timer_thread_function();
     void timer_callback_catch_exceptions(std::unique_lock<std::mutex>& lock);
     void run_until_terminated(std::unique_lock<std::mutex>& lock);
+    // One wait of start() on `cond`, with `mutex` held through `lock`.
+    void wait_for_acknowledgement(std::unique_lock<std::mutex>& lock);
     void acknowledge();
     void lose_worker();
     void apply_scheduling(CTimer::Policy policy, int priority);
@@ -346,6 +349,7 @@ private:
     bool terminating;   // destruction has begun; never cleared
     // The worker exists and runs its loop. Without one, stop() acknowledges for it.
     bool hasWorker;
+    unsigned waitingStarts;   // calls of start() that wait for a stop; destruction waits for them
     LibraryReference library; // what the worker runs in
 };
 
@@ -359,7 +363,8 @@ CTimer::Impl::Impl(std::function<void(void*)> callbackToRun, void* callbackArg,
       started(false),
       stopRequested(false),
       terminating(false),
-      hasWorker(true)
+      hasWorker(true),
+      waitingStarts(0)
 {
     try {
         thread = std::thread(&Impl::timer_thread_function, this);
@@ -409,7 +414,7 @@ bool CTimer::Impl::start(std::chrono::milliseconds duration)
         return false;
     }
     while (stopRequested) {
-        cond.wait(lock);
+        wait_for_acknowledgement(lock);
         if (terminating) {
             TIMER_TRACE(VorTraceLevel2, quotedName,
                         " must not call start() when being terminated.");
@@ -421,6 +426,23 @@ bool CTimer::Impl::start(std::chrono::milliseconds duration)
     cond.notify_all();
     TIMER_TRACE(VorTraceLevel5, quotedName, " successfully started [", this, "].");
     return true;
+}
+
+void CTimer::Impl::wait_for_acknowledgement(std::unique_lock<std::mutex>& lock)
+{
+    struct Waiting {
+        Impl& timer;
+        ~Waiting()
+        {
+            --timer.waitingStarts;
+            if (timer.terminating) {
+                timer.cond.notify_all();
+            }
+        }
+    };
+    ++waitingStarts;
+    const Waiting waiting{*this}; // also when the thread is cancelled in the wait
+    cond.wait(lock);
 }
 
 void CTimer::Impl::stop()
@@ -452,10 +474,12 @@ void CTimer::Impl::wait_for_thread()
 {
     const CancellationPause pause;
     {
-        const std::lock_guard<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
         terminating = true;
         cond.notify_all();
         TIMER_TRACE(VorTraceLevel5, quotedName, " wating to join thread [", this, "].");
+        // They need the object to find out that they are refused.
+        cond.wait(lock, [this] { return waitingStarts == 0; });
     }
     if (thread.joinable()) {
         thread.join();
