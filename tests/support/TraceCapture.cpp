@@ -1,5 +1,7 @@
 #include "tests/support/TraceCapture.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -40,6 +42,7 @@ struct Recorder {
     std::vector<std::string> calls;
     std::vector<std::string> discarded;
     std::map<std::string, std::atomic<int>> levels;
+    std::map<std::string, int> initialLevels; // those that the objects were built with
 };
 
 Recorder& recorder()
@@ -144,6 +147,25 @@ ThreadStreams& threadStreams()
     static thread_local ThreadStreams streams;
     return streams;
 }
+
+// What one case has written and set is not for the next one.
+class ResetListener : public testing::EmptyTestEventListener {
+    void OnTestEnd(const testing::TestInfo&) override
+    {
+        takeReports();
+        takeCalls();
+        takeDiscarded();
+        const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+        for (const auto& [name, level] : recorder().initialLevels) {
+            recorder().levels[name] = level;
+        }
+    }
+};
+
+[[maybe_unused]] const bool resets = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new ResetListener);
+    return true;
+}();
 
 int levelOfCode(uint32_t code)
 {
@@ -284,6 +306,7 @@ VorTrace::VorTrace(const char* name, VorTraceLevel level) : impl(nullptr)
     }
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
     const auto entry = recorder().levels.try_emplace(name, level).first;
+    recorder().initialLevels[name] = level;
     impl = new Impl{name, &entry->second};
 }
 
