@@ -453,6 +453,57 @@ TEST(CTimerLife, SaysNothingBelowTheMessagesLevel)
     }
 }
 
+TEST(CTimerLife, WritesItsMessagesUnderItsLock)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    Blocker blocker;
+    std::unique_ptr<CTimer> timer(
+        new CTimer(blocker.callback(), nullptr, "lock", CTimer::NonCyclic));
+    CTimer* const same = timer.get();
+    std::atomic<int> passed{0};
+    int passedMeanwhile = 0;
+    std::vector<std::string> functions;
+    std::vector<std::thread> probes;
+    const gcltest::BeginHook hook([&](const Report& report) {
+        if (report.function != "start" && report.function != "stop" &&
+            report.function != "wait_for_thread") {
+            return;
+        }
+        functions.push_back(report.function);
+        const int before = passed;
+        probes.emplace_back([&] {
+            static_cast<void>(same->isRunning());
+            ++passed;
+        });
+        pause(50);
+        passedMeanwhile += passed - before;
+    });
+    const auto allHavePassed = [&] {
+        return eventually([&] { return passed == static_cast<int>(functions.size()); });
+    };
+    EXPECT_TRUE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(allHavePassed());
+    EXPECT_FALSE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(allHavePassed());
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    timer->stop();
+    EXPECT_TRUE(allHavePassed());
+    timer->stop();
+    EXPECT_TRUE(allHavePassed());
+    std::thread release([&] {
+        EXPECT_TRUE(eventually([&] { return passed == 5; }));
+        blocker.released = true; // the timer has lived until then
+    });
+    timer.reset();
+    release.join();
+    for (std::thread& probe : probes) {
+        probe.join();
+    }
+    EXPECT_EQ(passedMeanwhile, 0);
+    EXPECT_EQ(functions,
+              (std::vector<std::string>{"start", "start", "stop", "stop", "wait_for_thread"}));
+}
+
 TEST(CTimerLife, WritesAMessageInThreePieces)
 {
     gcltest::takeCalls();
@@ -717,6 +768,67 @@ TEST(CTimerDestruction, WakesAStartThatWaitsForAStop)
     blocker.released = true;
     destroyer.join();
 }
+
+TEST(CTimerDestruction, RefusesAStartOfTheCallbackAsEver)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    TimerReports reports;
+    Blocker blocker;
+    CTimer* self = nullptr;
+    std::atomic<bool> started{true};
+    const gcltest::BeginHook hook([&](const Report& report) {
+        if (report.function == "wait_for_thread") {
+            blocker.released = true;
+        }
+    });
+    {
+        CTimer timer(
+            [&](void* arg) {
+                blocker.callback()(arg);
+                started = self->start(Milliseconds(0));
+            },
+            nullptr, "ending", CTimer::Cyclic);
+        self = &timer;
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    }
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(reports.has(
+        timerReport(1, "start", "\"ending\" must not call start() from callback context.")));
+    EXPECT_EQ(reports.of("start").size(), 2u);
+}
+
+// 32-bit processors read the monotonic clock by another name.
+#if __SIZEOF_POINTER__ == 8
+TEST(CTimerDestruction, StoresTheDurationOfAStartMeanwhile)
+{
+    Blocker blocker;
+    auto* const timer = new CTimer(blocker.callback(), nullptr, "ending", CTimer::NonCyclic);
+    EXPECT_TRUE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    SleepWatch watch;
+    std::thread destroyer([&] {
+        watch.announce();
+        delete timer;
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
+    int readings = 0;
+    {
+        // The moment of a one-shot timer is counted from now.
+        Hook hook(calls::clock_gettime64, [&](clockid_t clock, gcltest::Timespec64* time) {
+            readings += clock == CLOCK_MONOTONIC ? 1 : 0;
+            return calls::clock_gettime64.real(clock, time);
+        });
+        EXPECT_FALSE(timer->start(Milliseconds(0)));
+    }
+    EXPECT_EQ(readings, 1);
+    EXPECT_EQ(takeReports(),
+              (Reports{timerReport(2, "start",
+                                   "\"ending\" must not call start() when being terminated.")}));
+    blocker.released = true;
+    destroyer.join();
+}
+#endif
 
 TEST(CTimerDestruction, WaitsForAStartThatItRefuses)
 {
