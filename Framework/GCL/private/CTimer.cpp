@@ -151,10 +151,28 @@ void logMsgData(const char* data, size_t length)
     traceObject.trace.logMsgData(data, static_cast<unsigned>(length));
 }
 
-// The trace step. A message for which there is no memory is dropped: timers work on without it.
-template <typename Text>
+// What builds a message's text: a function object of the caller's.
+class TextBuilder {
+public:
+    template <typename Function>
+    explicit TextBuilder(const Function& function)
+        : object(&function), call([](const void* toCall, std::string& text) {
+              (*static_cast<const Function*>(toCall))(text);
+          })
+    {
+    }
+
+    void operator()(std::string& text) const { call(object, text); }
+
+private:
+    const void* object;
+    void (*call)(const void*, std::string&);
+};
+
+// The trace step. A message for which there is no memory is dropped: timers work on without it. No
+// template: g++ forgets the attribute there.
 CATCHES_FORCED_UNWINDING void writeTrace(VorTraceLevel level, const VorTraceHeader& site,
-                                         const Text& buildText)
+                                         const TextBuilder& buildText)
 {
     const gcl::ErrnoSaver errnoSaver;
     const TracePass pass(level);
@@ -184,7 +202,8 @@ CATCHES_FORCED_UNWINDING void writeTrace(VorTraceLevel level, const VorTraceHead
 #define TIMER_TRACE_AS(functionName, level, ...)                                                   \
     do {                                                                                           \
         static constexpr VorTraceHeader site = {kSource, __LINE__, functionName};                  \
-        writeTrace((level), site, [&](std::string& text) { appendAll(text, __VA_ARGS__); });       \
+        const auto buildText = [&](std::string& text) { appendAll(text, __VA_ARGS__); };           \
+        writeTrace((level), site, TextBuilder(buildText));                                         \
     } while (false)
 
 template <typename... Pieces>
