@@ -925,6 +925,28 @@ TEST(CTimerExceptions, EndTheRunOfAOneShotTimer)
     EXPECT_EQ(takeReports().size(), 3u);
 }
 
+TEST(CTimerExceptions, OfTheTraceFrameworkGoNoFurther)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    std::atomic<int> thrown{0};
+    Calls calls;
+    const gcltest::BeginHook hook([&](const Report&) {
+        if (++thrown % 2 == 0) {
+            throw std::runtime_error("the trace framework's");
+        }
+        throw 1;
+    });
+    {
+        CTimer timer(calls.callback(), nullptr, "trace", CTimer::Cyclic);
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_FALSE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return calls.count > 2; }));
+        timer.stop();
+    }
+    EXPECT_EQ(thrown, 8); // the eight messages of this life
+    EXPECT_EQ(takeReports(), Reports{});
+}
+
 // --- Without a worker --------------------------------------------------------------------------
 
 // A timer without a worker goes through its steps, and nothing waits for ever.
@@ -1205,6 +1227,29 @@ TEST(CTimerForcedUnwinding, OfTheOwnerComesAfterTheDestruction)
 }
 
 // --- The worker --------------------------------------------------------------------------------
+
+TEST(CTimerWorker, TellsThatItHasBegunBeforeItIsNamed)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    std::atomic<bool> begun{false};
+    std::atomic<bool> begunBefore{false};
+    std::atomic<bool> named{false};
+    const gcltest::BeginHook begin(
+        [&](const Report& report) { begun = begun || report.function == "timer_thread_function"; });
+    Hook hook(
+        calls::prctl,
+        [&](int option, unsigned long a, unsigned long b, unsigned long c, unsigned long d) {
+            if (option == PR_SET_NAME) {
+                begunBefore = begun.load();
+                named = true;
+            }
+            return calls::prctl.real(option, a, b, c, d);
+        },
+        Threads::all);
+    const CTimer timer(ignore, nullptr, "order", CTimer::Cyclic);
+    EXPECT_TRUE(eventually([&] { return named.load(); }));
+    EXPECT_TRUE(begunBefore);
+}
 
 TEST(CTimerWorker, HasTheSmallestTimerSlack)
 {

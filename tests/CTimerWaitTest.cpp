@@ -222,6 +222,36 @@ TEST(CTimerOneShotWait, PlacesTheRestOfTheTimeOnTheWallClock)
     }
 }
 
+// 32-bit processors read the monotonic clock by another name.
+#if __SIZEOF_POINTER__ == 8
+TEST(CTimerOneShotWait, ReadsTheMonotonicClockFirst)
+{
+    const pthread_t owner = pthread_self();
+    std::vector<clockid_t> read; // the worker's until `waiting`
+    std::atomic<bool> waiting{false};
+    const Hook clock(
+        calls::clock_gettime64,
+        [&](clockid_t id, Timespec64* time) {
+            if (!waiting && pthread_equal(owner, pthread_self()) == 0) {
+                read.push_back(id);
+            }
+            return calls::clock_gettime64.real(id, time);
+        },
+        Threads::all);
+    const Hook wait(
+        calls::pthread_cond_timedwait64,
+        [&](pthread_cond_t* condition, pthread_mutex_t* mutex, const Timespec64* due) {
+            waiting = true;
+            return calls::pthread_cond_timedwait64.real(condition, mutex, due);
+        },
+        Threads::all);
+    CTimer timer([](void*) {}, nullptr, "order", CTimer::NonCyclic);
+    ASSERT_TRUE(timer.start(kForever));
+    ASSERT_TRUE(eventually([&] { return waiting.load(); }));
+    EXPECT_EQ(read, (std::vector<clockid_t>{CLOCK_MONOTONIC, CLOCK_REALTIME}));
+}
+#endif
+
 TEST(CTimerCyclicWait, LastsThePeriodAndTheCallbacksTime)
 {
     CallTimes times;
