@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/prctl.h>
 
 #include <atomic>
@@ -830,6 +831,21 @@ TEST(CTimerDestruction, StoresTheDurationOfAStartMeanwhile)
 }
 #endif
 
+std::atomic<bool> holding{false};
+std::atomic<bool> deleted{false};
+std::atomic<bool> deletedMeanwhile{false};
+
+// Holds its thread up for a while, unless the timer is gone before.
+void holdUp(int)
+{
+    holding = true;
+    const timespec piece = {0, 1'000'000};
+    for (int i = 0; i < 200 && !deleted; ++i) {
+        nanosleep(&piece, nullptr);
+    }
+    deletedMeanwhile = deleted.load();
+}
+
 TEST(CTimerDestruction, WaitsForAStartThatItRefuses)
 {
     Blocker blocker;
@@ -837,30 +853,19 @@ TEST(CTimerDestruction, WaitsForAStartThatItRefuses)
     EXPECT_TRUE(timer->start(Milliseconds(0)));
     EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
     timer->stop();
-    std::atomic<bool> deleted{false};
-    std::atomic<bool> refusing{false};
-    std::atomic<bool> deletedMeanwhile{false};
-    const gcltest::BeginHook hook([&](const Report& report) {
-        if (report.function == "start") {
-            refusing = true;
-            blocker.released = true; // nothing else holds up the destruction
-            pause(100);
-            deletedMeanwhile = deleted.load();
-        }
-    });
     SleepWatch watch;
     std::thread starter([&] {
         watch.announce();
         EXPECT_FALSE(timer->start(Milliseconds(0)));
     });
     EXPECT_TRUE(watch.eventuallyAsleep());
-    std::thread destroyer([&] {
-        delete timer;
-        deleted = true;
-    });
-    EXPECT_TRUE(eventually([&] { return refusing.load(); }));
+    ASSERT_NE(signal(SIGUSR1, holdUp), SIG_ERR);
+    ASSERT_EQ(pthread_kill(starter.native_handle(), SIGUSR1), 0);
+    EXPECT_TRUE(eventually([] { return holding.load(); }));
+    blocker.released = true;
+    delete timer;
+    deleted = true;
     starter.join();
-    destroyer.join();
     EXPECT_FALSE(deletedMeanwhile);
 }
 
