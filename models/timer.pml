@@ -87,7 +87,7 @@ inline start(me)
 {
     lock(me);
     if
-    :: terminating || (started && !stopRequested)
+    :: me == CALLBACK || terminating || (started && !stopRequested)
     :: else ->
         do
         :: stopRequested && !terminating -> cond_wait(me, false)
@@ -102,7 +102,8 @@ inline start(me)
 #ifndef PLANT_NO_NOTIFY_ON_START
             notify_all();
 #endif
-            /* Nothing else would wake a worker that waits for a run. */
+            /* Nothing else would wake a worker that waits for a run. A start that is lost is no
+             * deadlock: the stop or the destruction that follows wakes the worker. */
             assert(!waiting[WORKER] || notified[WORKER])
         fi
     fi;
@@ -174,6 +175,7 @@ inline timer_callback_catch_exceptions()
     if
     :: true
     :: true -> stop(CALLBACK)
+    :: true -> start(CALLBACK)
 #ifdef UNWINDING
     :: true -> goto lose_worker
 #endif

@@ -214,6 +214,21 @@ TEST(CTimerScheduling, GoesOnWithoutEitherBound)
     }
 }
 
+TEST(CTimerScheduling, TellsWhatTheSystemHasMadeOfIt)
+{
+    unsigned readings = 0;
+    const Hook set(calls::pthread_setschedparam,
+                   [](pthread_t, int, const sched_param*) { return 0; });
+    const Hook get(calls::pthread_getschedparam,
+                   [&](pthread_t, int* policy, sched_param* parameters) {
+                       *policy = ++readings == 1 ? SCHED_OTHER : SCHED_BATCH;
+                       parameters->sched_priority = readings == 1 ? 0 : 33;
+                       return 0;
+                   });
+    EXPECT_EQ(schedulingReports(CTimer::Fifo, 10).back(),
+              implReport(5, "set thread policy: SCHED_BATCH, priority: 33"));
+}
+
 TEST(CTimerScheduling, TracesARefusalWithTheTextOfErrno)
 {
     for (const int error : {0, EACCES}) { // not the call's own result, EPERM

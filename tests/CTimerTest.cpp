@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/prctl.h>
 
 #include <atomic>
@@ -29,6 +30,7 @@ using gcltest::Milliseconds;
 using gcltest::pause;
 using gcltest::Report;
 using gcltest::setTraceLevel;
+using gcltest::SleepWatch;
 using gcltest::takeReports;
 using gcltest::Threads;
 using gcltest::timerReport;
@@ -89,6 +91,27 @@ std::string threadName()
     char name[17] = "";
     EXPECT_EQ(prctl(PR_GET_NAME, name), 0);
     return name;
+}
+
+// Runs `body` in a thread of its own, which is cancelled as soon as `ready`.
+template <typename Ready, typename Body>
+void runCancelled(Ready ready, Body body)
+{
+    pthread_t thread{};
+    std::function<void()> function = body;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void* arg) -> void* {
+                      (*static_cast<std::function<void()>*>(arg))();
+                      return nullptr;
+                  },
+                  &function),
+              0);
+    EXPECT_TRUE(eventually(ready));
+    EXPECT_EQ(pthread_cancel(thread), 0);
+    void* result = nullptr;
+    EXPECT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 // --- Construction ------------------------------------------------------------------------------
@@ -431,6 +454,57 @@ TEST(CTimerLife, SaysNothingBelowTheMessagesLevel)
     }
 }
 
+TEST(CTimerLife, WritesItsMessagesUnderItsLock)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    Blocker blocker;
+    std::unique_ptr<CTimer> timer(
+        new CTimer(blocker.callback(), nullptr, "lock", CTimer::NonCyclic));
+    CTimer* const same = timer.get();
+    std::atomic<int> passed{0};
+    int passedMeanwhile = 0;
+    std::vector<std::string> functions;
+    std::vector<std::thread> probes;
+    const gcltest::BeginHook hook([&](const Report& report) {
+        if (report.function != "start" && report.function != "stop" &&
+            report.function != "wait_for_thread") {
+            return;
+        }
+        functions.push_back(report.function);
+        const int before = passed;
+        probes.emplace_back([&] {
+            static_cast<void>(same->isRunning());
+            ++passed;
+        });
+        pause(50);
+        passedMeanwhile += passed - before;
+    });
+    const auto allHavePassed = [&] {
+        return eventually([&] { return passed == static_cast<int>(functions.size()); });
+    };
+    EXPECT_TRUE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(allHavePassed());
+    EXPECT_FALSE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(allHavePassed());
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    timer->stop();
+    EXPECT_TRUE(allHavePassed());
+    timer->stop();
+    EXPECT_TRUE(allHavePassed());
+    std::thread release([&] {
+        EXPECT_TRUE(eventually([&] { return passed == 5; }));
+        blocker.released = true; // the timer has lived until then
+    });
+    timer.reset();
+    release.join();
+    for (std::thread& probe : probes) {
+        probe.join();
+    }
+    EXPECT_EQ(passedMeanwhile, 0);
+    EXPECT_EQ(functions,
+              (std::vector<std::string>{"start", "start", "stop", "stop", "wait_for_thread"}));
+}
+
 TEST(CTimerLife, WritesAMessageInThreePieces)
 {
     gcltest::takeCalls();
@@ -679,8 +753,12 @@ TEST(CTimerDestruction, WakesAStartThatWaitsForAStop)
     EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
     timer->stop();
     std::atomic<bool> refused{false};
-    std::thread starter([&] { refused = !timer->start(Milliseconds(0)); });
-    pause(50);
+    SleepWatch watch;
+    std::thread starter([&] {
+        watch.announce();
+        refused = !timer->start(Milliseconds(0));
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
     EXPECT_FALSE(refused);
     std::thread destroyer([&] { delete timer; });
     EXPECT_TRUE(eventually([&] { return refused.load(); })); // before the callback has returned
@@ -690,6 +768,124 @@ TEST(CTimerDestruction, WakesAStartThatWaitsForAStop)
         timerReport(2, "start", "\"ending\" must not call start() when being terminated.")));
     blocker.released = true;
     destroyer.join();
+}
+
+TEST(CTimerDestruction, RefusesAStartOfTheCallbackAsEver)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    TimerReports reports;
+    Blocker blocker;
+    CTimer* self = nullptr;
+    std::atomic<bool> started{true};
+    const gcltest::BeginHook hook([&](const Report& report) {
+        if (report.function == "wait_for_thread") {
+            blocker.released = true;
+        }
+    });
+    {
+        CTimer timer(
+            [&](void* arg) {
+                blocker.callback()(arg);
+                started = self->start(Milliseconds(0));
+            },
+            nullptr, "ending", CTimer::Cyclic);
+        self = &timer;
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    }
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(reports.has(
+        timerReport(1, "start", "\"ending\" must not call start() from callback context.")));
+    EXPECT_EQ(reports.of("start").size(), 2u);
+}
+
+// 32-bit processors read the monotonic clock by another name.
+#if __SIZEOF_POINTER__ == 8
+TEST(CTimerDestruction, StoresTheDurationOfAStartMeanwhile)
+{
+    Blocker blocker;
+    auto* const timer = new CTimer(blocker.callback(), nullptr, "ending", CTimer::NonCyclic);
+    EXPECT_TRUE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    SleepWatch watch;
+    std::thread destroyer([&] {
+        watch.announce();
+        delete timer;
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
+    int readings = 0;
+    {
+        // The moment of a one-shot timer is counted from now.
+        Hook hook(calls::clock_gettime64, [&](clockid_t clock, gcltest::Timespec64* time) {
+            readings += clock == CLOCK_MONOTONIC ? 1 : 0;
+            return calls::clock_gettime64.real(clock, time);
+        });
+        EXPECT_FALSE(timer->start(Milliseconds(0)));
+    }
+    EXPECT_EQ(readings, 1);
+    EXPECT_EQ(takeReports(),
+              (Reports{timerReport(2, "start",
+                                   "\"ending\" must not call start() when being terminated.")}));
+    blocker.released = true;
+    destroyer.join();
+}
+#endif
+
+std::atomic<bool> holding{false};
+std::atomic<bool> deleted{false};
+std::atomic<bool> deletedMeanwhile{false};
+
+// Holds its thread up for a while, unless the timer is gone before.
+void holdUp(int)
+{
+    holding = true;
+    const timespec piece = {0, 1'000'000};
+    for (int i = 0; i < 200 && !deleted; ++i) {
+        nanosleep(&piece, nullptr);
+    }
+    deletedMeanwhile = deleted.load();
+}
+
+TEST(CTimerDestruction, WaitsForAStartThatItRefuses)
+{
+    Blocker blocker;
+    auto* const timer = new CTimer(blocker.callback(), nullptr, "ending", CTimer::Cyclic);
+    EXPECT_TRUE(timer->start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    timer->stop();
+    SleepWatch watch;
+    std::thread starter([&] {
+        watch.announce();
+        EXPECT_FALSE(timer->start(Milliseconds(0)));
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
+    ASSERT_NE(signal(SIGUSR1, holdUp), SIG_ERR);
+    ASSERT_EQ(pthread_kill(starter.native_handle(), SIGUSR1), 0);
+    EXPECT_TRUE(eventually([] { return holding.load(); }));
+    blocker.released = true;
+    delete timer;
+    deleted = true;
+    starter.join();
+    EXPECT_FALSE(deletedMeanwhile);
+}
+
+TEST(CTimerForcedUnwinding, OfAStartThatWaitsLeavesTheTimerToItsDestruction)
+{
+    Blocker blocker;
+    SleepWatch watch;
+    {
+        CTimer timer(blocker.callback(), nullptr, "waiting", CTimer::Cyclic);
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+        timer.stop();
+        runCancelled([&] { return watch.eventuallyAsleep(); },
+                     [&] {
+                         watch.announce();
+                         timer.start(Milliseconds(0));
+                     });
+        blocker.released = true;
+    }
+    EXPECT_TRUE(blocker.left);
 }
 
 // --- Exceptions --------------------------------------------------------------------------------
@@ -732,6 +928,28 @@ TEST(CTimerExceptions, EndTheRunOfAOneShotTimer)
         EXPECT_TRUE(eventually([&] { return !timer.isRunning(); }));
     }
     EXPECT_EQ(takeReports().size(), 3u);
+}
+
+TEST(CTimerExceptions, OfTheTraceFrameworkGoNoFurther)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    std::atomic<int> thrown{0};
+    Calls calls;
+    const gcltest::BeginHook hook([&](const Report&) {
+        if (++thrown % 2 == 0) {
+            throw std::runtime_error("the trace framework's");
+        }
+        throw 1;
+    });
+    {
+        CTimer timer(calls.callback(), nullptr, "trace", CTimer::Cyclic);
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_FALSE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return calls.count > 2; }));
+        timer.stop();
+    }
+    EXPECT_EQ(thrown, 8); // the eight messages of this life
+    EXPECT_EQ(takeReports(), Reports{});
 }
 
 // --- Without a worker --------------------------------------------------------------------------
@@ -900,8 +1118,12 @@ TEST(CTimerForcedUnwinding, AcknowledgesAPendingStop)
     EXPECT_TRUE(timer.start(Milliseconds(0)));
     EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
     timer.stop();
-    std::thread starter([&] { EXPECT_TRUE(timer.start(Milliseconds(0))); });
-    pause(20);
+    SleepWatch watch;
+    std::thread starter([&] {
+        watch.announce();
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+    });
+    EXPECT_TRUE(watch.eventuallyAsleep());
     blocker.released = true;
     starter.join();
     timer.stop();
@@ -913,35 +1135,126 @@ TEST(CTimerForcedUnwinding, MayHitTheWaits)
     for (const CTimer::Type type : {CTimer::NonCyclic, CTimer::Cyclic}) {
         for (const bool idle : {false, true}) {
             std::atomic<pthread_t> worker{};
-            std::atomic<bool> called{false};
+            SleepWatch watch;
             Calls calls;
             CTimer timer(
-                [&](void*) {
+                [&](void* arg) {
                     worker = pthread_self();
-                    called = true;
+                    watch.announce();
+                    calls.callback()(arg);
                 },
                 nullptr, "cancel", type);
             EXPECT_TRUE(timer.start(Milliseconds(0)));
-            EXPECT_TRUE(eventually([&] { return called.load(); }));
+            EXPECT_TRUE(eventually([&] { return calls.count > 0; }));
             timer.stop();
+            EXPECT_TRUE(timer.start(kForever)); // the first run is over
             if (idle) {
-                EXPECT_TRUE(timer.start(kForever));
                 timer.stop();
-                pause(20);
-            } else {
-                EXPECT_TRUE(timer.start(kForever));
             }
+            EXPECT_TRUE(watch.eventuallyAsleep());
             ASSERT_EQ(pthread_cancel(worker), 0);
-            pause(20);
-            if (!idle) {
-                EXPECT_TRUE(eventually([&] { return !timer.isRunning(); }));
-            }
+            EXPECT_TRUE(watch.eventuallyEnded());
+            EXPECT_FALSE(timer.isRunning());
             expectWorksWithoutWorker(timer, calls);
         }
     }
 }
 
+// The trace framework ends the constructing thread while the worker exists already.
+TEST(CTimerForcedUnwinding, OfTheConstructorEndsTheWorker)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    const auto token = std::make_shared<int>(0);
+    for (const bool cancelled : {false, true}) {
+        for (const CTimer::Policy policy : {CTimer::Default, CTimer::Other}) {
+            for (int nth = 1; nth <= 2; ++nth) {
+                std::atomic<int> messages{0};
+                std::atomic<bool> constructed{false};
+                std::atomic<bool> ended{false};
+                const gcltest::BeginHook hook([&](const Report& report) {
+                    if (report.function != "Impl" || ++messages != nth) {
+                        return;
+                    }
+                    if (cancelled) {
+                        pthread_cancel(pthread_self());
+                        pthread_testcancel();
+                    }
+                    pthread_exit(nullptr);
+                });
+                std::thread([&] {
+                    struct End {
+                        std::atomic<bool>& flag;
+                        ~End() { flag = true; }
+                    } const end{ended};
+                    const CTimer timer([token](void*) {}, nullptr, "unwound", policy, 0,
+                                       CTimer::Cyclic);
+                    constructed = true;
+                }).join();
+                EXPECT_TRUE(ended);
+                EXPECT_FALSE(constructed);
+                EXPECT_EQ(messages, nth);
+                EXPECT_EQ(token.use_count(), 1);
+            }
+        }
+    }
+}
+
+TEST(CTimerForcedUnwinding, OfTheOwnerComesAfterTheDestruction)
+{
+    for (const bool assigned : {false, true}) {
+        setTraceLevel("KIV.CTimer", 5);
+        TimerReports reports;
+        Blocker blocker;
+        std::atomic<bool> destroyed{false};
+        std::thread release([&] {
+            EXPECT_TRUE(eventually([&] { return !reports.of("wait_for_thread").empty(); }));
+            pause(50); // the owner is cancelled in its join
+            blocker.released = true;
+        });
+        runCancelled([&] { return blocker.entered.load(); },
+                     [&] {
+                         {
+                             CTimer timer(blocker.callback(), nullptr, "owned", CTimer::Cyclic);
+                             EXPECT_TRUE(timer.start(Milliseconds(0)));
+                             while (!blocker.entered) {
+                                 std::this_thread::yield(); // no cancellation point
+                             }
+                             if (assigned) {
+                                 timer = CTimer(ignore, nullptr, "next", CTimer::Cyclic);
+                             }
+                         }
+                         destroyed = blocker.left.load();
+                         pthread_testcancel();
+                     });
+        release.join();
+        EXPECT_TRUE(destroyed);
+    }
+}
+
 // --- The worker --------------------------------------------------------------------------------
+
+TEST(CTimerWorker, TellsThatItHasBegunBeforeItIsNamed)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    std::atomic<bool> begun{false};
+    std::atomic<bool> begunBefore{false};
+    std::atomic<bool> named{false};
+    const gcltest::BeginHook begin(
+        [&](const Report& report) { begun = begun || report.function == "timer_thread_function"; });
+    Hook hook(
+        calls::prctl,
+        [&](int option, unsigned long a, unsigned long b, unsigned long c, unsigned long d) {
+            if (option == PR_SET_NAME) {
+                begunBefore = begun.load();
+                named = true;
+            }
+            return calls::prctl.real(option, a, b, c, d);
+        },
+        Threads::all);
+    const CTimer timer(ignore, nullptr, "order", CTimer::Cyclic);
+    EXPECT_TRUE(eventually([&] { return named.load(); }));
+    EXPECT_TRUE(begunBefore);
+}
 
 TEST(CTimerWorker, HasTheSmallestTimerSlack)
 {

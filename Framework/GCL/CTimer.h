@@ -15,24 +15,32 @@
 // Threads: start, stop and isRunning may be called by any thread at any time between construction
 // and destruction. Construction, destruction and moving happen on the owner's thread, while no
 // other thread calls the same object; a timer must not be destroyed or moved to by its own
-// callback. After fork(2) the child has no workers: it may call exec or _exit, but no timer.
-// Destroy timers before the library is unloaded or the process ends. The worker of one that is left
-// over runs on, silently once the trace object is gone; the library stays mapped as long as it
-// lives. What its callback needs must last as long.
+// callback. Two calls may meet with a destruction all the same: a start that waits for a stop to be
+// acknowledged is refused and waited for, and while a callback holds up the destruction, calls of
+// any thread are safe that have returned before that callback does. After fork(2) the child has no
+// workers: it may call exec or _exit, but no timer. Destroy timers before the library is unloaded
+// or the process ends. The worker of one that is left over runs on, silently once the trace object
+// is gone; the library stays mapped until the timer is destroyed (dlopen(3)). What its callback
+// needs must last as long.
 //
 // Time: a one-shot timer keeps its moment on the monotonic clock, a cyclic one counts each period
 // from the moment when the wait begins, which is after the previous callback has returned: a cycle
 // lasts the period, the callback's run time and the system's delays, and the lag adds up. The
 // waiting itself is done on the wall clock (CLOCK_REALTIME): a step of that clock during a wait
 // makes it end sooner or later by the size of the step. The worker sets its timer slack to the
-// minimum (prctl(2), PR_SET_TIMERSLACK), since being on time is all that it is for.
+// minimum (prctl(2), PR_SET_TIMERSLACK), since being on time is all that it is for; threads that
+// the callback creates inherit that. The worker blocks no signals but those that its creator
+// blocked: handlers of the process may run on it, unless the timer is built with them blocked.
 //
 // Diagnostics: messages go to the trace object "KIV.CTimer" of level 3, each begun by the
 // function's name and the timer's name in double quotes: failures at level 1, warnings at level 2;
 // refused and needless calls at level 4 and the course of events at level 5 show once that object's
 // level is raised. "(traced N)" below says that the case writes a message of level N.
 //
-// It rests on pthread_create(3), pthread_cond_timedwait(3) and prctl(2) (PR_SET_NAME).
+// Cancellation: destruction and assignment are not interrupted; a thread that is ended while it
+// builds a timer ends the worker first; start may be ended while it waits.
+//
+// It rests on pthread_create(3), pthread_cond_timedwait(3), prctl(2) (PR_SET_NAME) and dlopen(3).
 #ifndef GCL_CTIMER_H
 #define GCL_CTIMER_H
 

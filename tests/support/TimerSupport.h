@@ -3,8 +3,12 @@
 #ifndef TESTS_SUPPORT_TIMERSUPPORT_H
 #define TESTS_SUPPORT_TIMERSUPPORT_H
 
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -40,6 +44,37 @@ bool eventually(Condition condition)
     }
     return true;
 }
+
+// Tells when a thread sleeps in the call that it was about to make.
+class SleepWatch {
+public:
+    // By the thread itself, right before the call.
+    void announce() { thread = gettid(); }
+
+    // Waits, within reason, until the thread sleeps.
+    bool eventuallyAsleep() const
+    {
+        return eventually([this] { return thread != 0 && stateOf(thread) == 'S'; });
+    }
+
+    // Waits, within reason, until the thread has ended.
+    bool eventuallyEnded() const
+    {
+        return eventually([this] { return thread != 0 && stateOf(thread) == '?'; });
+    }
+
+private:
+    static char stateOf(pid_t id)
+    {
+        std::ifstream file("/proc/self/task/" + std::to_string(id) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const size_t name = text.rfind(") "); // the name may hold anything
+        return name == std::string::npos ? '?' : text[name + 2];
+    }
+
+    std::atomic<pid_t> thread{0};
+};
 
 // The field of a timer: its implementation.
 inline void* implOf(const CTimer& timer)

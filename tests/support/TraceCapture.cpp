@@ -1,5 +1,7 @@
 #include "tests/support/TraceCapture.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -40,6 +42,7 @@ struct Recorder {
     std::vector<std::string> calls;
     std::vector<std::string> discarded;
     std::map<std::string, std::atomic<int>> levels;
+    std::map<std::string, int> initialLevels; // those that the objects were built with
 };
 
 Recorder& recorder()
@@ -59,6 +62,22 @@ thread_local OpenMessage openMessage;
 
 std::atomic<bool> withoutImpl{false};
 
+std::atomic<std::function<void(const Report&)>*> beginHook{nullptr};
+thread_local bool insideBeginHook = false;
+
+void callBeginHook(const Report& report)
+{
+    std::function<void(const Report&)>* const body = beginHook;
+    if (body == nullptr || insideBeginHook) {
+        return;
+    }
+    struct Inside {
+        Inside() { insideBeginHook = true; }
+        ~Inside() { insideBeginHook = false; }
+    } guard;
+    (*body)(report);
+}
+
 void noteCall(const std::string& call)
 {
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
@@ -67,6 +86,7 @@ void noteCall(const std::string& call)
 
 void openReport(const std::string& channel, int level, const VorTraceHeader& header)
 {
+    callBeginHook({channel, level, header.file, header.function, ""});
     openMessage.open = true;
     openMessage.report = {channel, level, header.file, header.function, ""};
     openMessage.line = header.line;
@@ -127,6 +147,25 @@ ThreadStreams& threadStreams()
     static thread_local ThreadStreams streams;
     return streams;
 }
+
+// What one case has written and set is not for the next one.
+class ResetListener : public testing::EmptyTestEventListener {
+    void OnTestEnd(const testing::TestInfo&) override
+    {
+        takeReports();
+        takeCalls();
+        takeDiscarded();
+        const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
+        for (const auto& [name, level] : recorder().initialLevels) {
+            recorder().levels[name] = level;
+        }
+    }
+};
+
+[[maybe_unused]] const bool resets = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new ResetListener);
+    return true;
+}();
 
 int levelOfCode(uint32_t code)
 {
@@ -205,6 +244,16 @@ Report gclReport(const std::string& module, const std::string& function, const s
             text + codeLine};
 }
 
+BeginHook::BeginHook(std::function<void(const Report&)> body)
+{
+    beginHook = new std::function<void(const Report&)>(std::move(body));
+}
+
+BeginHook::~BeginHook()
+{
+    delete beginHook.exchange(nullptr);
+}
+
 void setTraceLevel(const std::string& name, int level)
 {
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
@@ -257,6 +306,7 @@ VorTrace::VorTrace(const char* name, VorTraceLevel level) : impl(nullptr)
     }
     const std::lock_guard<gcltest::SpinLock> lock(recorder().mutex);
     const auto entry = recorder().levels.try_emplace(name, level).first;
+    recorder().initialLevels[name] = level;
     impl = new Impl{name, &entry->second};
 }
 

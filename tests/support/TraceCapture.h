@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_TRACECAPTURE_H
 
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -42,6 +43,17 @@ const void* lastHeaderAddress();
 // KIV.GCL, at the level that belongs to the code's magnitude.
 Report gclReport(const std::string& module, const std::string& function, const std::string& text,
                  uint32_t code);
+
+// While it lives, `body` is called at the begin of each message of any thread, with what is known
+// of the message by then (no text). It may throw or end its thread: the message is then not opened.
+// One at a time; a body that writes messages itself is not called for them.
+class BeginHook {
+public:
+    explicit BeginHook(std::function<void(const Report&)> body);
+    ~BeginHook();
+    BeginHook(const BeginHook&) = delete;
+    BeginHook& operator=(const BeginHook&) = delete;
+};
 
 // Sets the level of the VorTrace objects called `name`, those that exist and those to come.
 void setTraceLevel(const std::string& name, int level);

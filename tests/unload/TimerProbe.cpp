@@ -1,7 +1,7 @@
 // What becomes of timers that are left over when the library is unloaded or the process ends. The
 // program is not linked to the library: a plug-in brings it.
 //
-//     TimerProbe <plug-in> idle|running|exit
+//     TimerProbe <plug-in> idle|running|fresh|loading|silent|exit
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,13 +64,18 @@ void load(const char* path)
     }
 }
 
-void startTimers(int count)
+void makeTimers(int count)
 {
     const std::function<void(void*)> callback = countAndThrow;
     for (int i = 0; i < count; ++i) {
         timers->push_back(functionOf<void*(const std::function<void(void*)>*, void*, int)>(
             "startTimer")(&callback, nullptr, 1));
     }
+}
+
+void startTimers(int count)
+{
+    makeTimers(count);
     for (int i = 0; i < 20'000 && counters().calls < 3 * count; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -120,27 +125,80 @@ int unloadRunning()
     return 0;
 }
 
-// One process after another ends while its timers' callbacks throw.
-int exitRunning(const char* path)
+// Runs `body` in children, one after another, each of which must end with `code`.
+template <typename Body>
+int inChildren(int count, int code, Body body)
 {
-    for (int run = 0; run < 15; ++run) {
+    for (int run = 0; run < count; ++run) {
         const pid_t child = fork();
         if (child == 0) {
-            load(path);
-            gcltest::setTraceLevel("KIV.CTimer", run % 2 == 0 ? 3 : 5);
-            startTimers(8);
-            std::exit(7);
+            body(run);
         }
         int status = 0;
         if (child < 0 || waitpid(child, &status, 0) != child) {
             fail("no child");
         }
-        if (!WIFEXITED(status) || WEXITSTATUS(status) != 7) {
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != code) {
             std::fprintf(stderr, "run %d: status %#x\n", run, static_cast<unsigned>(status));
-            fail("a process with running timers did not end well");
+            fail("a child did not end well");
         }
     }
     return 0;
+}
+
+// The library is unloaded at once, while the workers have hardly begun.
+int unloadFresh(const char* path)
+{
+    return inChildren(20, 0, [path](int) {
+        load(path);
+        makeTimers(2);
+        dlclose(plugin);
+        for (int i = 0; i < 20'000 && counters().calls < 6; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::_Exit(counters().calls < 6 ? 1 : 0);
+    });
+}
+
+// A timer is built, runs and is destroyed by an initialiser of a library that is being loaded.
+int runWhileLoading(const char* path)
+{
+    if (setenv("TIMER_WHILE_LOADING", "1", 1) != 0) {
+        fail("no environment");
+    }
+    load(path);
+    dlclose(plugin);
+    if (libraryIsMapped()) {
+        fail("the library was not unloaded");
+    }
+    return 0;
+}
+
+// Where the trace framework gives no implementation, nothing is written, whatever it says about the
+// level.
+int workSilently(const char* path)
+{
+    gcltest::buildTracesWithoutImpl(true);
+    load(path);
+    startTimers(2);
+    for (void* const timer : *timers) {
+        functionOf<void(void*)>("destroyTimer")(timer);
+    }
+    if (!gcltest::takeReports().empty()) {
+        fail("there are messages");
+    }
+    return 0;
+}
+
+// Processes end while their timers' callbacks throw.
+int exitRunning(const char* path)
+{
+    return inChildren(15, 7, [path](int run) {
+        load(path);
+        gcltest::setTraceLevel("KIV.CTimer", run % 2 == 0 ? 3 : 5);
+        startTimers(8);
+        std::exit(7);
+    });
 }
 
 } // namespace
@@ -148,11 +206,20 @@ int exitRunning(const char* path)
 int main(int argc, char** argv)
 {
     if (argc != 3) {
-        fail("TimerProbe <plug-in> idle|running|exit");
+        fail("TimerProbe <plug-in> idle|running|fresh|loading|silent|exit");
     }
     const std::string mode = argv[2];
     if (mode == "exit") {
         return exitRunning(argv[1]);
+    }
+    if (mode == "fresh") {
+        return unloadFresh(argv[1]);
+    }
+    if (mode == "silent") {
+        return workSilently(argv[1]);
+    }
+    if (mode == "loading") {
+        return runWhileLoading(argv[1]);
     }
     load(argv[1]);
     return mode == "idle" ? unloadIdle() : unloadRunning();

@@ -1,6 +1,7 @@
 #include "Framework/GCL/CTimer.h"
 
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -52,6 +53,8 @@ public:
 
     void leave() { state.fetch_sub(1, std::memory_order_release); }
 
+    bool isOpen() const { return (state.load(std::memory_order_acquire) & kOpen) != 0; }
+
     void open() { state.fetch_or(kOpen, std::memory_order_release); }
 
     // Lets nobody in any more and waits for those inside. False if somebody is still there after a
@@ -100,7 +103,8 @@ TraceObject traceObject;
 class TracePass {
 public:
     explicit TracePass(VorTraceLevel level)
-        : inside(traceGate.enter()), toWrite(inside && traceObject.trace.level() >= level)
+        : inside(traceGate.enter()),
+          toWrite(inside && traceObject.trace.hasImpl() && traceObject.trace.level() >= level)
     {
     }
     ~TracePass()
@@ -147,10 +151,28 @@ void logMsgData(const char* data, size_t length)
     traceObject.trace.logMsgData(data, static_cast<unsigned>(length));
 }
 
-// The trace step. A message for which there is no memory is dropped: timers work on without it.
-template <typename Text>
+// What builds a message's text: a function object of the caller's.
+class TextBuilder {
+public:
+    template <typename Function>
+    explicit TextBuilder(const Function& function)
+        : object(&function), call([](const void* toCall, std::string& text) {
+              (*static_cast<const Function*>(toCall))(text);
+          })
+    {
+    }
+
+    void operator()(std::string& text) const { call(object, text); }
+
+private:
+    const void* object;
+    void (*call)(const void*, std::string&);
+};
+
+// The trace step. A message for which there is no memory is dropped: timers work on without it. No
+// template: g++ forgets the attribute there.
 CATCHES_FORCED_UNWINDING void writeTrace(VorTraceLevel level, const VorTraceHeader& site,
-                                         const Text& buildText)
+                                         const TextBuilder& buildText)
 {
     const gcl::ErrnoSaver errnoSaver;
     const TracePass pass(level);
@@ -180,7 +202,8 @@ CATCHES_FORCED_UNWINDING void writeTrace(VorTraceLevel level, const VorTraceHead
 #define TIMER_TRACE_AS(functionName, level, ...)                                                   \
     do {                                                                                           \
         static constexpr VorTraceHeader site = {kSource, __LINE__, functionName};                  \
-        writeTrace((level), site, [&](std::string& text) { appendAll(text, __VA_ARGS__); });       \
+        const auto buildText = [&](std::string& text) { appendAll(text, __VA_ARGS__); };           \
+        writeTrace((level), site, TextBuilder(buildText));                                         \
     } while (false)
 
 template <typename... Pieces>
@@ -230,16 +253,55 @@ int64_t steadyClockNs()
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-// While a thread that has called this lives, the C library does not unmap this library: a worker
-// that is left over when the library is unloaded runs on in code that is still there.
-void keepLibraryMappedForThisThread()
-{
-    struct Pin {
-        ~Pin() { __asm__ volatile(""); } // not trivial: the thread's end must have it to call
-    };
-    static thread_local Pin pin;
-    static_cast<void>(pin);
-}
+// LibraryReference keeps this library mapped while it lives: a worker that is left over when the
+// library is unloaded runs on in code that is still there. It is the owner's thread that takes and
+// drops it, before the worker exists and when it has ended: the loader's lock, which a thread that
+// loads a library holds while that library's objects are built, is not for the worker to wait for.
+class LibraryReference {
+public:
+    LibraryReference() : handle(nullptr)
+    {
+        // Outside the lifetime of the library's own objects the process is starting or ending and
+        // keeps the library itself; asking the loader for it would build them out of turn.
+        if (!traceGate.isOpen()) {
+            return;
+        }
+        const gcl::ErrnoSaver errnoSaver;
+        Dl_info library{};
+        if (dladdr(&traceGate, &library) != 0) {
+            // NULL where there is nothing to keep: the library is a part of the program itself.
+            handle = dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+        }
+    }
+    ~LibraryReference()
+    {
+        if (handle != nullptr) {
+            const gcl::ErrnoSaver errnoSaver;
+            static_cast<void>(dlclose(handle));
+        }
+    }
+    LibraryReference(const LibraryReference&) = delete;
+    LibraryReference& operator=(const LibraryReference&) = delete;
+
+private:
+    void* handle;
+};
+
+// While it lives, the calling thread is not cancelled: a join is a cancellation point, and a
+// destructor must not be left half-way.
+class CancellationPause {
+public:
+    CancellationPause()
+    {
+        static_cast<void>(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state));
+    }
+    ~CancellationPause() { static_cast<void>(pthread_setcancelstate(state, nullptr)); }
+    CancellationPause(const CancellationPause&) = delete;
+    CancellationPause& operator=(const CancellationPause&) = delete;
+
+private:
+    int state = PTHREAD_CANCEL_ENABLE;
+};
 
 } // namespace
 
@@ -282,6 +344,8 @@ private:
     void timer_thread_function();
     void timer_callback_catch_exceptions(std::unique_lock<std::mutex>& lock);
     void run_until_terminated(std::unique_lock<std::mutex>& lock);
+    // One wait of start() on `cond`, with `mutex` held through `lock`.
+    void wait_for_acknowledgement(std::unique_lock<std::mutex>& lock);
     void acknowledge();
     void lose_worker();
     void apply_scheduling(CTimer::Policy policy, int priority);
@@ -304,6 +368,8 @@ private:
     bool terminating;   // destruction has begun; never cleared
     // The worker exists and runs its loop. Without one, stop() acknowledges for it.
     bool hasWorker;
+    unsigned waitingStarts;   // calls of start() that wait for a stop; destruction waits for them
+    LibraryReference library; // what the worker runs in
 };
 
 CATCHES_FORCED_UNWINDING
@@ -316,7 +382,8 @@ CTimer::Impl::Impl(std::function<void(void*)> callbackToRun, void* callbackArg,
       started(false),
       stopRequested(false),
       terminating(false),
-      hasWorker(true)
+      hasWorker(true),
+      waitingStarts(0)
 {
     try {
         thread = std::thread(&Impl::timer_thread_function, this);
@@ -331,8 +398,21 @@ CTimer::Impl::Impl(std::function<void(void*)> callbackToRun, void* callbackArg,
         hasWorker = false;
         return;
     }
-    TIMER_TRACE(VorTraceLevel5, quotedName, " thread successfully created [", this, "].");
-    apply_scheduling(policy, priority);
+    try {
+        TIMER_TRACE(VorTraceLevel5, quotedName, " thread successfully created [", this, "].");
+        apply_scheduling(policy, priority);
+    } catch (...) {
+        // pthread_exit or cancellation from inside the trace framework: the worker must not outlive
+        // the object.
+        const CancellationPause pause;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            terminating = true;
+            cond.notify_all();
+        }
+        thread.join();
+        throw;
+    }
 }
 
 bool CTimer::Impl::start(std::chrono::milliseconds duration)
@@ -353,7 +433,7 @@ bool CTimer::Impl::start(std::chrono::milliseconds duration)
         return false;
     }
     while (stopRequested) {
-        cond.wait(lock);
+        wait_for_acknowledgement(lock);
         if (terminating) {
             TIMER_TRACE(VorTraceLevel2, quotedName,
                         " must not call start() when being terminated.");
@@ -365,6 +445,23 @@ bool CTimer::Impl::start(std::chrono::milliseconds duration)
     cond.notify_all();
     TIMER_TRACE(VorTraceLevel5, quotedName, " successfully started [", this, "].");
     return true;
+}
+
+void CTimer::Impl::wait_for_acknowledgement(std::unique_lock<std::mutex>& lock)
+{
+    struct Waiting {
+        Impl& timer;
+        ~Waiting()
+        {
+            --timer.waitingStarts;
+            if (timer.terminating) {
+                timer.cond.notify_all();
+            }
+        }
+    };
+    ++waitingStarts;
+    const Waiting waiting{*this}; // also when the thread is cancelled in the wait
+    cond.wait(lock);
 }
 
 void CTimer::Impl::stop()
@@ -394,11 +491,14 @@ bool CTimer::Impl::isRunning() const
 
 void CTimer::Impl::wait_for_thread()
 {
+    const CancellationPause pause;
     {
-        const std::lock_guard<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
         terminating = true;
         cond.notify_all();
         TIMER_TRACE(VorTraceLevel5, quotedName, " wating to join thread [", this, "].");
+        // They need the object to find out that they are refused.
+        cond.wait(lock, [this] { return waitingStarts == 0; });
     }
     if (thread.joinable()) {
         thread.join();
@@ -408,7 +508,6 @@ void CTimer::Impl::wait_for_thread()
 CATCHES_FORCED_UNWINDING
 void CTimer::Impl::timer_thread_function()
 {
-    keepLibraryMappedForThisThread();
     try {
         TIMER_TRACE(VorTraceLevel5, quotedName, " entered thread function [", this, "].");
         // Neither can fail with these arguments, and the timer works without them.

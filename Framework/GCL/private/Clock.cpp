@@ -30,7 +30,9 @@ void waitUntilNs(pthread_cond_t* condition, pthread_mutex_t* mutex, int64_t dueN
     due.tv_nsec = static_cast<decltype(due.tv_nsec)>(dueNs % kNsPerSecond);
     // Time-out, wake-up and refusal of a time before the epoch are all the same to the callers,
     // who look at the clock and at their state anyway. An old kernel on a 32-bit processor refuses
-    // times that do not fit into 32 bits; it waits as long as it can then, so that nobody spins.
+    // times that do not fit into 32 bits; until 2038 the wait is as long as it can be then. After
+    // that such a kernel has no wait that lasts: this returns at once, and callers who wait on
+    // spin.
     if (pthread_cond_timedwait(condition, mutex, &due) == EOVERFLOW) {
         due.tv_sec = INT32_MAX;
         due.tv_nsec = 0;
