@@ -815,51 +815,10 @@ void streams()
     std::thread([&] { CHECK(&trace.stream() != mine); }).join();
 }
 
-// A thread holds the sink's lock, blocked in write; the child of a fork reports all the same.
-void forkWhileReporting()
-{
-    static std::atomic<bool> inside{false};
-    static std::atomic<bool> release{false};
-    say("warm");
-    pid_t child = -1;
-    {
-        const Hook hook(
-            calls::write,
-            [](int fd, const void* data, size_t size) -> ssize_t {
-                if (!inside.exchange(true)) {
-                    while (!release) {
-                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                    }
-                }
-                return calls::write.real(fd, data, size);
-            },
-            Threads::all);
-        std::thread reporter([] { say("slow"); });
-        while (!inside) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        child = fork();
-        if (child == 0) {
-            alarm(20); // ends a child that hangs
-            say("child");
-            VT_setLevel("KIV.CHILD", 3);
-            VorTrace trace("KIV.CHILD", VorTraceLevel7);
-            trace.beginLogMsg(VorTraceLevel3, kHeader);
-            trace.stream() << "child's stream" << std::flush;
-            _exit(0);
-        }
-        int status = -1;
-        CHECK(waitpid(child, &status, 0) == child);
-        release = true;
-        reporter.join();
-        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    say("parent, child " + std::to_string(child));
-}
-
-// A thread is blocked where it names a bad entry of VT_LEVELS, before the first line of the
-// process; the child of a fork reports all the same.
-void forkWhileComplaining()
+// Forks while another thread that reports is blocked in its first write, and runs `inChild` in the
+// child, which must come to an end. Returns the child's id.
+template <typename InChild>
+pid_t forkWhileBlockedInWrite(InChild inChild)
 {
     static std::atomic<bool> inside{false};
     static std::atomic<bool> release{false};
@@ -881,7 +840,7 @@ void forkWhileComplaining()
     const pid_t child = fork();
     if (child == 0) {
         alarm(20); // ends a child that hangs
-        say("child");
+        inChild();
         _exit(0);
     }
     int status = -1;
@@ -889,6 +848,28 @@ void forkWhileComplaining()
     release = true;
     reporter.join();
     CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    return child;
+}
+
+// The blocked thread holds the sink's lock; the child of a fork reports all the same.
+void forkWhileReporting()
+{
+    say("warm");
+    const pid_t child = forkWhileBlockedInWrite([] {
+        say("child");
+        VT_setLevel("KIV.CHILD", 3);
+        VorTrace trace("KIV.CHILD", VorTraceLevel7);
+        trace.beginLogMsg(VorTraceLevel3, kHeader);
+        trace.stream() << "child's stream" << std::flush;
+    });
+    say("parent, child " + std::to_string(child));
+}
+
+// The blocked thread names a bad entry of VT_LEVELS, before the first line of the process; the
+// child of a fork reports all the same.
+void forkWhileComplaining()
+{
+    static_cast<void>(forkWhileBlockedInWrite([] { say("child"); }));
 }
 
 // A message that is open at a fork is the parent's alone.
