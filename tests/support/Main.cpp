@@ -34,11 +34,12 @@ class LeakListener : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo&) override
     {
         EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors) << "descriptors are left over";
-        // A joined thread may stay in the list for a moment.
-        for (int i = 0; i < 200 && entriesOf("/proc/self/task") != threads; ++i) {
+        // A joined thread may stay in the list for a moment, here and when the case began: there
+        // may be fewer threads than before, never more.
+        for (int i = 0; i < 200 && entriesOf("/proc/self/task") > threads; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        EXPECT_EQ(entriesOf("/proc/self/task"), threads) << "threads are left over";
+        EXPECT_LE(entriesOf("/proc/self/task"), threads) << "threads are left over";
     }
 
     long descriptors = 0;
