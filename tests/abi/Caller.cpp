@@ -29,10 +29,11 @@ SHARED bool timer(CTimer& timer, std::chrono::milliseconds time)
 {
     return timer.start(time);
 }
-SHARED void receiver(ITimerReceiver& receiver)
-{
-    receiver.onTimer(nullptr);
-}
+class SHARED Receiver : public ITimerReceiver {
+public:
+    void onTimer(void*) override;
+};
+void Receiver::onTimer(void*) {}
 SHARED void sleeper(Util::ISleepApi& sleeper, Util::SleepApi&, Util::DefaultSleepApi&)
 {
     sleeper.sleepMs(1);
