@@ -1,0 +1,95 @@
+// What the framed client does on purpose; docs/on-purpose.md says why.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "Framework/GCL/CTimer.h"
+#include "Framework/GCL/HijackApi.h"
+#include "Framework/VT/VorTrace.h"
+#include "examples/peernode/PeerNode.h"
+
+namespace {
+
+const peernode::Options kNode;
+
+// [abort]
+// Makes a call of readFromNet return that waits for a peer, or that reads on for good because the
+// peer has closed. Any thread may call it, and only the owner closes the descriptor.
+void abortReading(const Util::HijackApi& client)
+{
+    const int unreadable = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (unreadable >= 0) {
+        shutdown(client.socketFd, SHUT_RDWR); // ends a read that waits
+        dup2(unreadable, client.socketFd);    // and makes the next one fail
+        close(unreadable);
+    }
+}
+// [abort end]
+
+bool showClosedPeer(VorTrace& trace)
+{
+    unsigned char frame[] = {1};
+    unsigned length = 0;
+    peernode::PeerNode node(kNode);
+    Util::HijackApi client(trace, node.start(), 1000, kNode.rxSyncId, kNode.txSyncId);
+    if (!client.connectToServer("127.0.0.1") || !client.writeToNet(frame, 1, nullptr) ||
+        !client.readFromNet(frame, 1, &length)) {
+        return false;
+    }
+
+    // [closed]
+    node.stop(); // closes the connection
+    CTimer limit([&client](void*) { abortReading(client); }, nullptr, "limit", CTimer::NonCyclic);
+    if (!limit.start(std::chrono::milliseconds(100))) {
+        return false;
+    }
+    const bool read =
+        client.readFromNet(frame, sizeof frame, &length); // without the limit: for good
+    std::printf("%s\n", read ? "read a frame" : "given up");
+    limit.stop();
+    // [closed end]
+    close(client.socketFd);
+    return !read;
+}
+
+// Exchanges a frame with a node of its own that has just been started.
+bool exchangeWithNewNode(Util::HijackApi& client)
+{
+    peernode::PeerNode node(kNode);
+    client.serverAddress.sin_port = htons(node.start());
+    unsigned char frame[] = {1};
+    unsigned length = 0;
+    const bool done = client.connectToServer("127.0.0.1") && client.writeToNet(frame, 1, nullptr) &&
+                      client.readFromNet(frame, 1, &length);
+    close(client.socketFd);
+    client.socketFd = -1;
+    return done;
+}
+
+bool showNumbering(VorTrace& trace)
+{
+    // [numbering]
+    Util::HijackApi client(trace, 0, 1000, kNode.rxSyncId, kNode.txSyncId);
+    if (!exchangeWithNewNode(client) || !exchangeWithNewNode(client)) {
+        return false;
+    }
+    // The client went on numbering; the second node began with 1 again, which was reported.
+    std::printf("sent %u frames, last received number %u\n", client.txSequenceNumber,
+                client.rxSequenceNumber);
+    // [numbering end]
+    return true;
+}
+
+} // namespace
+
+int main()
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    VorTrace trace("KIV.LINK", VorTraceLevel3);
+    return showClosedPeer(trace) && showNumbering(trace) ? EXIT_SUCCESS : EXIT_FAILURE;
+}
