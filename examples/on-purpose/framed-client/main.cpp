@@ -75,14 +75,13 @@ bool showNumbering(VorTrace& trace)
 {
     // [numbering]
     Util::HijackApi client(trace, 0, 1000, kNode.rxSyncId, kNode.txSyncId);
-    if (!exchangeWithNewNode(client) || !exchangeWithNewNode(client)) {
-        return false;
-    }
+    const bool first = exchangeWithNewNode(client);
+    const bool second = exchangeWithNewNode(client);
     // The client went on numbering; the second node began with 1 again, which was reported.
     std::printf("sent %u frames, last received number %u\n", client.txSequenceNumber,
                 client.rxSequenceNumber);
     // [numbering end]
-    return true;
+    return first && second;
 }
 
 } // namespace
