@@ -9,18 +9,18 @@
 #include "Framework/VT/VT.h"
 
 /* [report] */
-/* How a module reports on a channel of its own, here that of the carriers: as the library does on
- * GCL_trace. The macro stands in for the code, so that a failing step can return its report. */
-#define REPORT(code, text)                                                                         \
-    report(&(const VorTraceHeader){"Carriers/Carrier", __LINE__, __func__}, (code), (text))
+/* How a module reports on a channel of its own, here KIV.TEST: as the library does on KIV.GCL. The
+ * macro yields the code, so that a failing step can return its report. */
+static const char kSource[] = "Carriers/Carrier";
+#define REPORT(code, text) report(&(const VorTraceHeader){kSource, __LINE__, __func__}, code, text)
 
 static uint32_t report(const VorTraceHeader* header, uint32_t code, const char* text)
 {
     const int32_t level = CHyxTraceHandler_DmLevel2VtLevel(code);
-    if (CH_trace.threshold >= level) {
-        VT_beginImpl(&CH_trace, level, header);
-        VT_rawprintf(&CH_trace, "%s      code: %#lx\n", text, (unsigned long)code);
-        VT_endImpl(&CH_trace);
+    if (TEST_trace.threshold >= level) {
+        VT_beginImpl(&TEST_trace, level, header);
+        VT_rawprintf(&TEST_trace, "%s      code: %#lx\n", text, (unsigned long)code);
+        VT_endImpl(&TEST_trace);
     }
     return code;
 }

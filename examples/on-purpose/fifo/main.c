@@ -44,11 +44,12 @@ static void showNewest(void)
         printf(" %d", number);
     }
     /* [newest end] */
+    printf("\n");
 
     /* [empty] */
     int number = 0;
     const uint32_t result = CFifoBuffer_Get(&fifo, &number); /* nothing is there */
-    printf("\n0x%X, got %d, size now 0x%X\n", result, number, fifo.uiCurrentSize);
+    printf("0x%X, got %d, size now 0x%X\n", result, number, fifo.uiCurrentSize);
     /* [empty end] */
     CFifoBuffer_Destruct(&fifo);
 }
