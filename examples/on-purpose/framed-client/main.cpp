@@ -31,6 +31,18 @@ void abortReading(const Util::HijackApi& client)
 }
 // [abort end]
 
+// [within]
+// Reads a frame within a time. False: none came, and the connection is of no more use. The timer is
+// gone before its caller can close the socket. (Where the time runs out just as a frame has come,
+// the frame is good, and the next read fails.)
+bool readWithin(std::chrono::milliseconds limit, Util::HijackApi& client, unsigned char* frame,
+                unsigned size, unsigned& length)
+{
+    CTimer timer([&client](void*) { abortReading(client); }, nullptr, "limit", CTimer::NonCyclic);
+    return timer.start(limit) && client.readFromNet(frame, size, &length);
+}
+// [within end]
+
 bool showClosedPeer(VorTrace& trace)
 {
     unsigned char frame[] = {1};
@@ -38,20 +50,16 @@ bool showClosedPeer(VorTrace& trace)
     peernode::PeerNode node(kNode);
     Util::HijackApi client(trace, node.start(), 1000, kNode.rxSyncId, kNode.txSyncId);
     if (!client.connectToServer("127.0.0.1") || !client.writeToNet(frame, 1, nullptr) ||
-        !client.readFromNet(frame, 1, &length)) {
+        !readWithin(std::chrono::seconds(10), client, frame, sizeof frame, length)) {
         return false;
     }
+    std::printf("read a frame\n");
 
     // [closed]
     node.stop(); // closes the connection
-    CTimer limit([&client](void*) { abortReading(client); }, nullptr, "limit", CTimer::NonCyclic);
-    if (!limit.start(std::chrono::milliseconds(100))) {
-        return false;
-    }
     const bool read =
-        client.readFromNet(frame, sizeof frame, &length); // without the limit: for good
-    std::printf("%s\n", read ? "read a frame" : "given up");
-    limit.stop();
+        readWithin(std::chrono::milliseconds(100), client, frame, sizeof frame, length);
+    std::printf("%s\n", read ? "read another" : "given up");
     // [closed end]
     close(client.socketFd);
     return !read;
