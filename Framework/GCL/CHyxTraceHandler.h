@@ -16,7 +16,7 @@ GCL_C_BEGIN
 //   0x0840 to 0x08FF       7
 //   0x0820 to 0x083F       6
 //   0x0100 to 0x07FF       4
-//   all others, 0 included 5
+//   others, 0 included    5
 GCL_API int32_t CHyxTraceHandler_DmLevel2VtLevel(uint32_t uiCode);
 
 GCL_C_END

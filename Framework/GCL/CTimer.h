@@ -91,6 +91,7 @@ public:
     CTimer(std::function<void(void*)> callback, void* userArg, const std::string& name,
            CTimer::Policy policy, int priority, CTimer::Type type);
 
+    // A worker thread belongs to one timer: there are no copies.
     CTimer(const CTimer&) = delete;
     CTimer& operator=(const CTimer&) = delete;
 
