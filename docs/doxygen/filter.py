@@ -7,7 +7,8 @@ The headers carry `//` comments only. Doxygen reads them through this filter (IN
 - a comment behind a declaration documents that one, its continuation lines included;
 - the comment at the top of a header documents the file, or the class that it names, if that has no
   comment of its own;
-- a block above several declarations in a row documents all of them;
+- a block above several declarations in a row documents all of them, and one above fields that have
+  comments of their own is their heading;
 - within a comment, lines indented by two more columns are a table (a term, two blanks or more, a
   text) or a list (`- ` in front), and lines indented by four after an empty one are code.
 
@@ -29,10 +30,13 @@ SENTENCE_END = re.compile(r'[.:](?=\s+[A-Z])|\.$')
 
 def escaped(text: str) -> str:
     """The text with nothing in it that Doxygen would take for a command or a tag."""
-    text = re.sub(r'([\\@#%])', r'\\\1', text)
-    text = text.replace('&', r'\&').replace('<', r'\<').replace('>', r'\>')
-    text = LINKED.sub(r'#\1', text)
-    return re.sub(r'`([^`]+)`', r'<code>\1</code>', text)
+    pieces = text.split('"')
+    # Between quotation marks Doxygen takes every character as it is.
+    for index in range(0, len(pieces), 2):
+        piece = re.sub(r'([\\@#%&<>])', r'\\\1', pieces[index])
+        piece = LINKED.sub(r'#\1', piece)
+        pieces[index] = re.sub(r'`([^`]+)`', r'<code>\1</code>', piece)
+    return '"'.join(pieces)
 
 
 def term(text: str) -> str:
@@ -79,13 +83,13 @@ def markup(lines: list[str]) -> list[str]:
         line = lines[position]
         after_empty = position > 0 and not lines[position - 1].strip()
         if line.startswith('    ') and after_empty:
-            result.append('\\verbatim')
+            result.append('\\code{.unparsed}')
             while position < len(lines) and (lines[position].startswith('    ') or (
                     not lines[position].strip() and position + 1 < len(lines)
                     and lines[position + 1].startswith('    '))):
                 result.append(lines[position][4:])
                 position += 1
-            result.append('\\endverbatim')
+            result.append('\\endcode')
             continue
         table = Table()
         while position < len(lines) and table.take(lines[position]):
@@ -105,8 +109,12 @@ def markup(lines: list[str]) -> list[str]:
             continue
         if line.startswith('  '):
             raise SystemExit(f'{sys.argv[1]}: neither table nor list nor code: "{line.strip()}"')
-        result.append(escaped(line))
-        position += 1
+        paragraph = []
+        while position < len(lines) and lines[position].strip() and lines[position][:2] != '  ':
+            paragraph.append(lines[position])
+            position += 1
+        result.append(escaped(' '.join(paragraph)))
+        position += not paragraph
     return result
 
 
@@ -131,7 +139,7 @@ class Scopes:
     """Follows the braces, to tell declarations from function bodies."""
 
     def __init__(self) -> None:
-        self.stack: list[bool] = []  # for each open brace whether it is a body
+        self.stack: list[str] = []  # for each open brace 'body' or what it belongs to
         self.statement = ''
 
     def feed(self, line: str) -> None:
@@ -141,8 +149,7 @@ class Scopes:
             return
         for character in code:
             if character == '{':
-                self.stack.append(self.in_body() or not SCOPE.search(self.statement)
-                                  or self.statement.rstrip().endswith(')'))
+                self.stack.append(self.opened())
                 self.statement = ''
             elif character == '}':
                 if self.stack:
@@ -154,8 +161,18 @@ class Scopes:
                 self.statement += character
         self.statement += ' '
 
+    def opened(self) -> str:
+        """What the brace behind the current statement opens."""
+        scope = SCOPE.search(self.statement)
+        if self.in_body() or scope is None or self.statement.rstrip().endswith(')'):
+            return 'body'
+        return scope.group(1) or 'extern'
+
     def in_body(self) -> bool:
-        return bool(self.stack) and self.stack[-1]
+        return self.stack[-1:] == ['body']
+
+    def in_class(self) -> bool:
+        return self.stack[-1:] in (['class'], ['struct'])
 
     def depth(self) -> int:
         return len(self.stack)
@@ -220,7 +237,8 @@ def run(lines: list[str]) -> list[str]:
         class_line = described_class(name, lines)
         text = documented(head)
         if class_line >= 0:
-            class_text = documented([head[0][len(name) + 2:].capitalize()] + head[1:])
+            start = head[0][len(name) + 2:]
+            class_text = documented([start[0].upper() + start[1:]] + head[1:])
             text = [text[0], '', f'The class {name} is described in its own place.']
         out += ['/// \\file'] + doc_lines('', text)
 
@@ -249,6 +267,15 @@ def run(lines: list[str]) -> list[str]:
                 if count > 1:
                     out.append('///@{')
                     group_ends = end
+            elif scopes.in_class() and following and TRAILING.match(lines[behind]):
+                # A heading of fields that have comments of their own.
+                brief = documented(texts)
+                out += doc_lines(comment.group(1), [brief[0].replace('\\brief', '\\name')[:-1]]
+                                 + brief[1:])
+                out.append('///@{')
+                group_ends = behind
+                while lines[group_ends].strip() not in ('', '};'):
+                    group_ends += 1
             else:
                 out += lines[position:behind]
             position = behind
