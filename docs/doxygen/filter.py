@@ -5,8 +5,8 @@ The headers carry `//` comments only. Doxygen reads them through this filter (IN
 
 - a block of comment lines right above a declaration documents it;
 - a comment behind a declaration documents that one, its continuation lines included;
-- the comment at the top of a header documents the file, or the class that it names, if that has no
-  comment of its own;
+- the comment at the top of a header documents the file, or the class that it names in front of a
+  colon, if that has no comment of its own;
 - a block above several declarations in a row documents all of them, and one above fields that have
   comments of their own is their heading;
 - within a comment, lines indented by two more columns are a table (a term, two blanks or more, a
@@ -108,7 +108,13 @@ def markup(lines: list[str]) -> list[str]:
                 result.append('')
             continue
         if line.startswith('  '):
-            raise SystemExit(f'{sys.argv[1]}: neither table nor list nor code: "{line.strip()}"')
+            # Neither: it is shown as it is.
+            result.append('\\code{.unparsed}')
+            while position < len(lines) and lines[position].startswith('  '):
+                result.append(lines[position][2:])
+                position += 1
+            result.append('\\endcode')
+            continue
         paragraph = []
         while position < len(lines) and lines[position].strip() and lines[position][:2] != '  ':
             paragraph.append(lines[position])
@@ -221,8 +227,11 @@ def doc_lines(indent: str, texts: list[str]) -> list[str]:
 
 def described_class(name: str, lines: list[str]) -> int:
     """The line that begins the class of this name, if no comment stands above it; else -1."""
+    own_name = re.escape(name.rsplit('::', 1)[-1])
     for position, line in enumerate(lines):
-        if re.match(rf'\s*(?:class|struct)\s+(?:\w+_API\s+)?{name}\b[^;]*$', line):
+        if re.match(rf'\s*(?:class|struct)\s+(?:\w+_API\s+)?{own_name}\b[^;]*$', line):
+            while lines[position - 1].startswith('template'):
+                position -= 1
             return -1 if COMMENT.match(lines[position - 1]) else position
     return -1
 
@@ -233,7 +242,7 @@ def run(lines: list[str]) -> list[str]:
     head, position = take_block(lines, 0)
     class_line, class_text = -1, []
     if head:
-        name = head[0].split(':')[0]
+        name = head[0].split(': ')[0]
         class_line = described_class(name, lines)
         text = documented(head)
         if class_line >= 0:
@@ -246,6 +255,13 @@ def run(lines: list[str]) -> list[str]:
     trailing_column = -1
     while position < len(lines):
         line = lines[position]
+        if line.startswith('namespace std {'):
+            # Specialisations for the language's own use; Doxygen knows nothing of their scope.
+            while position < len(lines) and not lines[position].startswith('}'):
+                out.append('')
+                position += 1
+            position += 1
+            continue
         if position == group_ends:
             out.append('///@}')
         if position == class_line:
