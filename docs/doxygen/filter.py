@@ -255,12 +255,14 @@ def run(lines: list[str]) -> list[str]:
     trailing_column = -1
     while position < len(lines):
         line = lines[position]
-        if line.startswith('namespace std {'):
-            # Specialisations for the language's own use; Doxygen knows nothing of their scope.
+        if re.match(r'(struct|class) std::', line):
+            # A specialisation for the standard library's use; Doxygen knows nothing of its scope.
+            while out[-1].startswith('template'):
+                out[-1] = ''
             while position < len(lines) and not lines[position].startswith('}'):
-                out.append('')
                 position += 1
             position += 1
+            scopes = Scopes()
             continue
         if position == group_ends:
             out.append('///@}')
