@@ -117,7 +117,7 @@ public:
     // an interrupted read is repeated silently.
     // At the end of the stream it reads on for good, without pausing: a peer that has closed the
     // connection in an orderly way is not an error here. The owner ends such a call by making the
-    // socket fail. socketFd is read anew before each read(2).
+    // socket fail, or by setting socketFd, which is read anew before each read(2), to -1.
     // A client that never called connectToServer reads from descriptor 0.
     //   -1  socketFd is -1: "HijackApi::safeRead(), socket not open" (level 1)
     //   -1  read(2) failed otherwise: "HijackApi::safeRead(), socket read() returned -1, Error: "

@@ -149,7 +149,7 @@ class Scopes:
         self.statement = ''
 
     def feed(self, line: str) -> None:
-        code = re.sub(r'"(?:[^"\\]|\\.)*"', lambda s: s.group() if s.group() == '"C"' else '""', line)
+        code = re.sub(r'"(?!C")(?:[^"\\]|\\.)*"', '""', line)
         code = re.sub(r'//.*', '', code)
         if code.lstrip().startswith('#'):
             return
