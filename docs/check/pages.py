@@ -7,6 +7,7 @@ Usage: pages.py SOURCE_DIR XML_DIR, XML_DIR being Doxygen's output from the head
 - Every function and type of the library's own headers has a page that answers to its name, and
   every name in a page exists.
 - The SYNOPSIS of the pages, read by Doxygen as well, declares what the headers declare.
+- Every function, field and result code has an item with a text.
 - The RETURN VALUES of a function are those of its header, term by term and word by word.
 - The texts in DIAGNOSTICS are those of the reports in the sources.
 """
@@ -133,6 +134,26 @@ def check_synopses(found: interface.Interface, pages: list[mdoc.Page],
                        f'{sorted(table.items() ^ wanted.items())}')
 
 
+def check_items(found: interface.Interface, pages: list[mdoc.Page],
+                complaints: Complaints) -> None:
+    """Every function, field and result code has an item of its own, with a text."""
+    items = set()
+    for page in pages:
+        for line, behind in zip(page.lines, page.lines[1:]):
+            if line.startswith('.It ') and not behind.startswith(('.It', '.El')):
+                items.add((page.stem, mdoc.plain(line[4:])))
+    page_of = {name: page.stem for page in pages for name in page.names()}
+    wanted = {(page_of.get(name, '?'), f'Fn {name}') for name in found.functions}
+    for kind, name, *rest in found.declared:
+        scope, _, field = name.rpartition('::')
+        if kind == 'variable' and scope:
+            wanted.add((page_of.get(scope, '?'), f'Fa {field}'))
+        if kind == 'enumerator' and name == 'GCL_ResultCode':
+            wanted.add((page_of.get(name, '?'), f'{rest[1].lstrip("=")} Dv {rest[0]}'))
+    for stem, item in sorted(wanted - items):
+        complaints.add(f'{stem}: no item with a text: {item}')
+
+
 def words(text: str) -> list[str]:
     """The words of a text, without its markup."""
     return re.findall(r'\w+', text.replace('"', ''))
@@ -192,6 +213,7 @@ def main() -> int:
     check_texts(interface.read(xml, r'\.h$'), complaints)
     check_names(source, found, pages, complaints)
     check_synopses(found, pages, complaints)
+    check_items(found, pages, complaints)
     check_results(found, pages, complaints)
     check_reports(source, pages, complaints)
     if complaints.count > 0:
