@@ -7,7 +7,7 @@ Usage: pages.py SOURCE_DIR XML_DIR, XML_DIR being Doxygen's output from the head
 - Every function and type of the library's own headers has a page that answers to its name, and
   every name in a page exists.
 - The SYNOPSIS of the pages, read by Doxygen as well, declares what the headers declare.
-- Every function, field and result code has an item with a text.
+- Every function, field and enumerator has an item with a text.
 - The RETURN VALUES of a function are those of its header, term by term and word by word.
 - The texts in DIAGNOSTICS are those of the reports in the sources.
 """
@@ -136,7 +136,7 @@ def check_synopses(found: interface.Interface, pages: list[mdoc.Page],
 
 def check_items(found: interface.Interface, pages: list[mdoc.Page],
                 complaints: Complaints) -> None:
-    """Every function, field and result code has an item of its own, with a text."""
+    """Every function, field and enumerator has an item of its own, with a text."""
     items = set()
     for page in pages:
         for line, behind in zip(page.lines, page.lines[1:]):
@@ -148,8 +148,9 @@ def check_items(found: interface.Interface, pages: list[mdoc.Page],
         scope, _, field = name.rpartition('::')
         if kind == 'variable' and scope:
             wanted.add((page_of.get(scope, '?'), f'Fa {field}'))
-        if kind == 'enumerator' and name == 'GCL_ResultCode':
-            wanted.add((page_of.get(name, '?'), f'{rest[1].lstrip("=")} Dv {rest[0]}'))
+        if kind == 'enumerator':
+            value = f'{rest[1].lstrip("=")} ' if name == 'GCL_ResultCode' else ''
+            wanted.add((page_of.get(name, '?'), f'{value}Dv {rest[0]}'))
     for stem, item in sorted(wanted - items):
         complaints.add(f'{stem}: no item with a text: {item}')
 
