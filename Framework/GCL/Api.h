@@ -7,10 +7,11 @@
 // GCL_API marks what libKivGCL.so exports; everything else in it is hidden.
 #define GCL_API __attribute__((visibility("default")))
 
-// GCL_C_BEGIN and GCL_C_END enclose declarations with C linkage, so that C and C++ callers use the
-// same unmangled names.
 #ifdef __cplusplus
+// GCL_C_BEGIN opens declarations with C linkage, so that C and C++ callers use the same unmangled
+// names. In C it is empty.
 #define GCL_C_BEGIN extern "C" {
+// GCL_C_END closes what GCL_C_BEGIN has opened.
 #define GCL_C_END }
 #else
 #define GCL_C_BEGIN

@@ -6,11 +6,11 @@
 // lock in any mode and tell how things stood at one moment. While CFifoBuffer_Construct or
 // CFifoBuffer_Destruct runs, no other thread may use the object. A child process made by fork(2)
 // must not use a FIFO that another thread was using at that moment: a lock that was held stays held
-// in the child. A constructed FIFO must be neither copied nor moved: its semaphores and its mutex
-// work only where they were made, and both copies would own the ring. Results are codes of
-// ResultCodes.h; failures are reported on GCL_trace unless they are marked as silent. Where a
-// comment does not mention a check for NULL, there is none, and a NULL pointer is the caller's
-// error.
+// in the child. No operation may be called from a signal handler. A constructed FIFO must be
+// neither copied nor moved: its semaphores and its mutex work only where they were made, and both
+// copies would own the ring. Results are codes of ResultCodes.h; failures are reported on GCL_trace
+// unless they are marked as silent. Where a comment does not mention a check for NULL, there is
+// none, and a NULL pointer is the caller's error.
 #ifndef GCL_CFIFOBUFFER_H
 #define GCL_CFIFOBUFFER_H
 
@@ -91,8 +91,8 @@ GCL_API void CFifoBuffer_Construct(CFifoBuffer* pThis, uint32_t uiElementSize, u
 // CFifoBuffer_Destruct frees the ring. It is final: bInitialized stays as it is, and the FIFO must
 // be constructed anew before any other call. It destroys the mutex in every mode, whether or not it
 // was ever made, with pthread_mutex_destroy(3), whose failure it ignores, and never the semaphores,
-// which hold no resource. On memory that was neither
-// constructed nor cleared it frees what pBuffer happens to be.
+// which hold no resource. On memory that was neither constructed nor cleared it frees what pBuffer
+// happens to be.
 GCL_API void CFifoBuffer_Destruct(CFifoBuffer* pThis);
 
 // CFifoBuffer_Put copies the element at pElement, uiElementSize bytes, into the ring.

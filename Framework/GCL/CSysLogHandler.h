@@ -1,6 +1,6 @@
 // CSysLogHandler: one line in the system log for each event that is severe enough.
 // Beside the trace channels it is the second, simpler way to report; the library itself does not
-// use it. Any thread may call any of its functions at any time.
+// use it. Any thread may call any of its functions at any time, but no signal handler may.
 #ifndef GCL_CSYSLOGHANDLER_H
 #define GCL_CSYSLOGHANDLER_H
 

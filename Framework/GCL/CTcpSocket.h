@@ -118,8 +118,8 @@ GCL_API uint32_t CTcpSocket_Read(CTcpSocket* pThis, void* pReceiveBuffer, int32_
 // usual, and only 1 byte where uiMaxMsgSize is 2^31 or more; where it has less, the process ends
 // with a segmentation fault at the stack's guard page (if the compiler that built the library has
 // -fstack-clash-protection for the processor; the build warns where it has not).
-//   the code of CTcpSocket_Read, which also reports under its own name; and
 //   GCL_INVALID_ARGUMENT  *piDataLen is negative; nothing is read or written (reported)
+//   others                the code of CTcpSocket_Read, which also reports under its own name
 GCL_API uint32_t CTcpSocket_ReadZT(CTcpSocket* pThis, char* pszBuffer, int32_t* piDataLen);
 
 // CTcpSocket_SetTimeout sets the limit of the waits of Write and Read, in seconds, and makes the
@@ -140,7 +140,7 @@ GCL_API int32_t CTcpSocket_GetSocketHandle(const CTcpSocket* pThis);
 // whether or not the queue drained. The object is then closed; uiMaxMsgSize and uiTimeout stay. The
 // wait is measured with the wall clock and bounded by 501 sleeps of 2 ms where that is set back;
 // its progress is reported with GCL_DRAIN_PROGRESS, its failures with GCL_DRAIN_FAILED, under the
-// name CTcpSocket_DrainSendBuffer.
+// name "CTcpSocket_DrainSendBuffer".
 //   GCL_OK                closed
 //   GCL_INVALID_ARGUMENT  pThis is NULL (reported)
 //   GCL_SOCKET_FAILED     the object is closed already (reported)

@@ -18,10 +18,10 @@
 // callback. Two calls may meet with a destruction all the same: a start that waits for a stop to be
 // acknowledged is refused and waited for, and while a callback holds up the destruction, calls of
 // any thread are safe that have returned before that callback does. After fork(2) the child has no
-// workers: it may call exec or _exit, but no timer. Destroy timers before the library is unloaded
-// or the process ends. The worker of one that is left over runs on, silently once the trace object
-// is gone; the library stays mapped until the timer is destroyed (dlopen(3)). What its callback
-// needs must last as long.
+// workers: it may call exec or _exit, but no timer. No operation may be called from a signal
+// handler. Destroy timers before the library is unloaded or the process ends. The worker of one
+// that is left over runs on, silently once the trace object is gone; the library stays mapped until
+// the timer is destroyed (dlopen(3)). What its callback needs must last as long.
 //
 // Time: a one-shot timer keeps its moment on the monotonic clock, a cyclic one counts each period
 // from the moment when the wait begins, which is after the previous callback has returned: a cycle
@@ -91,6 +91,7 @@ public:
     CTimer(std::function<void(void*)> callback, void* userArg, const std::string& name,
            CTimer::Policy policy, int priority, CTimer::Type type);
 
+    // A worker thread belongs to one timer: there are no copies.
     CTimer(const CTimer&) = delete;
     CTimer& operator=(const CTimer&) = delete;
 

@@ -15,6 +15,7 @@ namespace Util {
 
 class GCL_API DefaultSleepApi {
 public:
+    // There is one sleeper in a process, and no object of this class.
     DefaultSleepApi() = delete;
 
     // setOverride installs `sleeper`, which stays the caller's and must outlive its installation.

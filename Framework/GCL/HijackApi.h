@@ -96,13 +96,15 @@ public:
     //   false  "HijackApi::read(), Message length <size> exceeds max buffer length <bufferLength>"
     //          (level 1); the payload stays in the stream, and the next call hunts through it
     //   false  "HijackApi::read(), safeRead() return wrong  number of bytes for msg" (level 1)
-    // Further messages: "HijackApi::read, message legth: <size>" (level 6) before the payload, and
-    // two warnings after which the call goes on:
-    //   "HijackApi::read(), safeReadSyncId() wait more than <maxSyncWaitMs>ms (<elapsed>)s for
-    //   message from node" (level 5, one line): the search, and with it the wait for the first
-    //   byte, took longer than maxSyncWaitMs; the elapsed time is in milliseconds
-    //   "HijackApi::read(), Sequence number <new> not in sequence with old <old>" (level 2): it is
-    //   not rxSequenceNumber + 1 modulo 2^32; rxSequenceNumber takes the new number in any case
+    // Further messages, after which the call goes on:
+    //   level 6  before the payload: "HijackApi::read, message legth: <size>"
+    //   level 5  the search, and with it the wait for the first byte, took longer than
+    //            maxSyncWaitMs: "HijackApi::read(), safeReadSyncId() wait more than
+    //            <maxSyncWaitMs>ms (<elapsed>)s for message from node", one line; the elapsed time
+    //            is in milliseconds
+    //   level 2  the number is not rxSequenceNumber + 1 modulo 2^32: "HijackApi::read(), Sequence
+    //            number <new> not in sequence with old <old>"; rxSequenceNumber takes the new
+    //            number in any case
     // UNSAFE: lengths of 2^31 and more are signed numbers to the last check. If bufferLength admits
     // such a frame, safeRead refuses and reports it, nothing is stored in `buffer`, and the call
     // returns true nevertheless. Pass a bufferLength below 2^31.
@@ -115,7 +117,7 @@ public:
     // an interrupted read is repeated silently.
     // At the end of the stream it reads on for good, without pausing: a peer that has closed the
     // connection in an orderly way is not an error here. The owner ends such a call by making the
-    // socket fail. socketFd is read anew before each read(2).
+    // socket fail, or by setting socketFd, which is read anew before each read(2), to -1.
     // A client that never called connectToServer reads from descriptor 0.
     //   -1  socketFd is -1: "HijackApi::safeRead(), socket not open" (level 1)
     //   -1  read(2) failed otherwise: "HijackApi::safeRead(), socket read() returned -1, Error: "

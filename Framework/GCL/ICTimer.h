@@ -22,6 +22,7 @@ public:
     virtual bool isRunning() const = 0;
 
 protected:
+    // For derived timers only: an ICTimer by itself is neither made nor copied.
     ICTimer() = default;
     ICTimer(const ICTimer&) = default;
     ICTimer& operator=(const ICTimer&) = default;

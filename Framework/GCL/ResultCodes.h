@@ -9,6 +9,7 @@
 
 #include <stdint.h>
 
+// The codes in use. Functions return them as uint32_t; their severity is told by the value alone.
 enum GCL_ResultCode {
     GCL_OK = 0x0000, // success
 

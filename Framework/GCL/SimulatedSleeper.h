@@ -31,13 +31,19 @@ public:
     public:
         // `sleeper` stays the caller's and must outlive the installation.
         explicit Installation(SimulatedSleeper& sleeper) { DefaultSleepApi::setOverride(&sleeper); }
+
+        // Makes the real sleeper the process's sleeper again.
         ~Installation() { DefaultSleepApi::clearOverride(); }
+
+        // Each installation is ended once.
         Installation(const Installation&) = delete;
         Installation& operator=(const Installation&) = delete;
     };
 
     // The clock starts at zero and no sleep is recorded.
     SimulatedSleeper() : clock(0) {}
+
+    // There is one clock; whoever looks at it refers to its sleeper.
     SimulatedSleeper(const SimulatedSleeper&) = delete;
     SimulatedSleeper& operator=(const SimulatedSleeper&) = delete;
 

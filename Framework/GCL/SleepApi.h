@@ -9,6 +9,7 @@ namespace Util {
 
 class GCL_API SleepApi : public ISleepApi {
 public:
+    // Does nothing: a sleeper keeps no state.
     ~SleepApi() override;
 
     // sleepMs suspends the calling thread with nanosleep(2) for the given number of milliseconds;

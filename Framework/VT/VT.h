@@ -10,8 +10,8 @@
 //
 // Line. A message is one line, written whole:
 //
-//   2026-11-21T01:20:33.123456Z 4242/4243 KIV.GCL 1 Framework/GCL/private/CList:161 <function>:
-//   text
+//     2026-11-21T01:20:33.123456Z 4242/4243 KIV.GCL 1 Framework/GCL/private/CList:161 <function>:
+//     <text>
 //
 // that is, UTC time of the opening, process id/thread id, channel name, level,
 // file:line, function, the text. A newline inside becomes a blank, one at the end of the text is

@@ -31,8 +31,12 @@ public:
     // configuration names another level for it. Never throws: without memory the object has no
     // implementation and writes nothing.
     VorTrace(const char* name, VorTraceLevel level);
+
+    // Ends the object; nobody may use it meanwhile or later. A message that a thread has opened
+    // through it stays with the thread, which emits it as any other.
     ~VorTrace();
 
+    // A trace object is one outlet under one name; it is shared by reference, not copied.
     VorTrace(const VorTrace&) = delete;
     VorTrace& operator=(const VorTrace&) = delete;
 
