@@ -15,7 +15,7 @@ mv "$work/first" "$work/moved"
 tree=$work/moved
 
 # All public headers, and no private one.
-(cd "$source" && ls Framework/GCL/*.h Framework/VT/*.h) | LC_ALL=C sort >"$work/wanted"
+(cd "$source" && ls Framework/GCL/*.h Framework/GCL/cxx/*.h Framework/VT/*.h) | LC_ALL=C sort >"$work/wanted"
 (cd "$tree/include/KivGCL" && find Framework -type f) | LC_ALL=C sort >"$work/installed"
 diff -u "$work/wanted" "$work/installed"
 echo "headers: all of them"
