@@ -27,6 +27,7 @@ function(kivgcl_shared_library target map)
   target_compile_options(${target} PRIVATE
     -fno-semantic-interposition
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+    $<$<CXX_COMPILER_ID:GNU>:-fstack-usage> # notes for scripts/counts, beside the object files
   )
   target_link_options(${target} PRIVATE
     -Wl,--version-script=${PROJECT_SOURCE_DIR}/${map}
