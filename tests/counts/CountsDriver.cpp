@@ -352,7 +352,8 @@ void countTimer()
 void countReports()
 {
     unsigned long item = 0;
-    uint32_t line = 0;
+    uint32_t level = 0;
+    const Util::ISleepApi* const sleeper = &Util::DefaultSleepApi::get();
     GCL_trace.threshold = 0;
     const auto failingCall = [&] {
         return CList_GetNext(nullptr, &item, nullptr) == GCL_INVALID_ARGUMENT;
@@ -365,11 +366,11 @@ void countReports()
           [&] { return CHyxTraceHandler_DmLevel2VtLevel(GCL_DRAIN_PROGRESS) == 7; });
     count("CSysLogHandler_SetLogLevel", [&] { return CSysLogHandler_SetLogLevel(0x1000), true; });
     count("CSysLogHandler_GetLogLevel",
-          [&] { return CSysLogHandler_GetLogLevel(&line), line == 0x1000; });
+          [&] { return CSysLogHandler_GetLogLevel(&level), level == 0x1000; });
     count("CSysLogHandler_Log, filtered", [&] {
         return CSysLogHandler_Log("GCL", "a/file", 1, GCL_DRAIN_PROGRESS, "%d", 1), true;
     });
-    count("Util::DefaultSleepApi::get", [&] { return &Util::DefaultSleepApi::get() != nullptr; });
+    count("Util::DefaultSleepApi::get", [&] { return &Util::DefaultSleepApi::get() == sleeper; });
 }
 
 template <typename Type>

@@ -1,0 +1,107 @@
+#include "bench/support/Bench.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "Framework/GCL/TraceChannels.h"
+
+namespace bench {
+namespace {
+
+std::string textOf(double value)
+{
+    char text[32];
+    static_cast<void>(std::snprintf(text, sizeof text, "%g", value));
+    return text;
+}
+
+} // namespace
+
+// The report reads the targets from the run's context, under the operation's name.
+Case::Case(std::string operation, Targets targets) : setting(std::move(operation))
+{
+    static std::string last;
+    if (setting != last) {
+        last = setting;
+        benchmark::AddCustomContext("targets:" + setting,
+                                    textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
+    }
+}
+
+Case& Case::at(const std::string& axis, double value)
+{
+    setting += "/" + axis + ":" + textOf(value);
+    return *this;
+}
+
+Case& Case::manualTime()
+{
+    timedBySide = true;
+    return *this;
+}
+
+Case& Case::realTime()
+{
+    timedByClock = true;
+    return *this;
+}
+
+Case& Case::rounds(int64_t count)
+{
+    fixedRounds = count;
+    return *this;
+}
+
+Case& Case::ours(const Side& side)
+{
+    return add("ours", "", side);
+}
+
+Case& Case::floor(const Side& side)
+{
+    return add("floor", "", side);
+}
+
+Case& Case::peer(const std::string& name, const Side& side)
+{
+    return add(name, "", side);
+}
+
+Case& Case::shown(const std::string& name, const std::string& why, const Side& side)
+{
+    return add(name, why, side);
+}
+
+Case& Case::add(const std::string& name, const std::string& label, const Side& side)
+{
+    auto* const registered = benchmark::RegisterBenchmark(
+        (setting + "@" + name).c_str(), [side, label](benchmark::State& state) {
+            side(state);
+            state.SetLabel(label);
+        });
+    if (timedBySide) {
+        registered->UseManualTime();
+    } else if (timedByClock) {
+        registered->UseRealTime();
+    }
+    if (fixedRounds > 0) {
+        registered->Iterations(fixedRounds);
+    }
+    return *this;
+}
+
+} // namespace bench
+
+int main(int argc, char** argv)
+{
+    GCL_trace.threshold = 0; // no report is admitted
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    bench::addCases();
+    // A pattern that selects nothing is the caller's mistake.
+    const bool ran = benchmark::RunSpecifiedBenchmarks() > 0;
+    benchmark::Shutdown();
+    return ran ? 0 : 1;
+}
