@@ -131,15 +131,23 @@ void countList()
        [&] { return CList_FindAndRetrieve(&list, 8, &matcher, &item) == 1; });
 }
 
+// Keys with an alignment of their own: the C library's comparisons take their time by it.
+struct alignas(16) Key {
+    char text[16];
+};
+constexpr Key kKeys[] = {{"alpha"}, {"beta"}, {"gamma"}, {"delta"}};
+constexpr Key kNewKey = {"epsilon"};
+
 void countHashTable()
 {
+    const char* const known = kKeys[2].text;
     CHashTable table;
     CList values;
     unsigned long value = 0;
     const auto fill = [&] {
         CHashTable_Construct(&table, 16);
-        for (const char* const key : {"alpha", "beta", "gamma", "delta"}) {
-            CHashTable_Set(&table, key, 1);
+        for (const Key& key : kKeys) {
+            CHashTable_Set(&table, key.text, 1);
         }
         CList_Construct(&values);
     };
@@ -154,11 +162,11 @@ void countHashTable()
         [&] { CHashTable_Destruct(&table); });
     count(
         "CHashTable_Destruct/4", fill, [&] { return CHashTable_Destruct(&table), true; }, nothing);
-    on("CHashTable_Set, new", [&] { return ok(CHashTable_Set(&table, "epsilon", 5)); });
-    on("CHashTable_Set, known", [&] { return ok(CHashTable_Set(&table, "gamma", 5)); });
-    on("CHashTable_Get", [&] { return ok(CHashTable_Get(&table, "gamma", &value)); });
-    on("CHashTable_Exists", [&] { return CHashTable_Exists(&table, "gamma") == 1; });
-    on("CHashTable_Unset", [&] { return ok(CHashTable_Unset(&table, "gamma", &value)); });
+    on("CHashTable_Set, new", [&] { return ok(CHashTable_Set(&table, kNewKey.text, 5)); });
+    on("CHashTable_Set, known", [&] { return ok(CHashTable_Set(&table, known, 5)); });
+    on("CHashTable_Get", [&] { return ok(CHashTable_Get(&table, known, &value)); });
+    on("CHashTable_Exists", [&] { return CHashTable_Exists(&table, known) == 1; });
+    on("CHashTable_Unset", [&] { return ok(CHashTable_Unset(&table, known, &value)); });
     on("CHashTable_Count", [&] { return CHashTable_Count(&table) == 4; });
     on("CHashTable_ToList/4", [&] { return ok(CHashTable_ToList(&table, &values)); });
 }
