@@ -1,6 +1,7 @@
 #include "bench/support/Bench.h"
 
 #include <cstdio>
+#include <set>
 #include <utility>
 
 #include "Framework/GCL/TraceChannels.h"
@@ -15,17 +16,22 @@ std::string textOf(double value)
     return text;
 }
 
+// All cases of an operation say the same.
+void addToContext(const std::string& key, const std::string& value)
+{
+    static std::set<std::string> known;
+    if (known.insert(key).second) {
+        benchmark::AddCustomContext(key, value);
+    }
+}
+
 } // namespace
 
 // The report reads the targets from the run's context, under the operation's name.
-Case::Case(std::string operation, Targets targets) : setting(std::move(operation))
+Case::Case(std::string operationName, Targets targets)
+    : operation(std::move(operationName)), setting(operation)
 {
-    static std::string last;
-    if (setting != last) {
-        last = setting;
-        benchmark::AddCustomContext("targets:" + setting,
-                                    textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
-    }
+    addToContext("targets:" + operation, textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
 }
 
 Case& Case::at(const std::string& axis, double value)
@@ -67,6 +73,12 @@ Case& Case::peer(const std::string& name, const Side& side)
     return add(name, "", side);
 }
 
+Case& Case::peer(const std::string& name, double ofPeer, const Side& side)
+{
+    addToContext("target:" + operation + "@" + name, textOf(ofPeer));
+    return add(name, "", side);
+}
+
 Case& Case::shown(const std::string& name, const std::string& why, const Side& side)
 {
     return add(name, why, side);
@@ -74,11 +86,25 @@ Case& Case::shown(const std::string& name, const std::string& why, const Side& s
 
 Case& Case::add(const std::string& name, const std::string& label, const Side& side)
 {
-    auto* const registered = benchmark::RegisterBenchmark(
-        (setting + "@" + name).c_str(), [side, label](benchmark::State& state) {
-            side(state);
-            state.SetLabel(label);
-        });
+#ifdef KIVGCL_BENCH_STATIC
+    // This program holds the archive; all other sides are measured beside the shared library.
+    static_cast<void>(label);
+    if (name != "ours") {
+        return *this;
+    }
+    return addSide("static", "ours, from the archive, linked with -flto", side);
+#else
+    return addSide(name, label, side);
+#endif
+}
+
+Case& Case::addSide(const std::string& name, const std::string& label, const Side& side)
+{
+    auto* const registered = benchmark::RegisterBenchmark((setting + "@" + name).c_str(),
+                                                          [side, label](benchmark::State& state) {
+                                                              side(state);
+                                                              state.SetLabel(label);
+                                                          });
     if (timedBySide) {
         registered->UseManualTime();
     } else if (timedByClock) {

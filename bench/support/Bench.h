@@ -1,7 +1,7 @@
-// The frame of the bench programs. A case is one operation at one setting. It is measured on several
-// sides: ours, the floor, and the peers. Google Benchmark runs the repetitions of all sides in random
-// order (--benchmark_enable_random_interleaving), so that what disturbs the machine for a while
-// disturbs all of them alike; bench/report.py compares the medians.
+// The frame of the bench programs. A case is one operation at one setting. It is measured on
+// several sides: ours, the floor, and the peers. Google Benchmark runs the repetitions of all sides
+// in random order (--benchmark_enable_random_interleaving), so that what disturbs the machine for a
+// while disturbs all of them alike; bench/report.py compares the medians.
 //
 // A module's <Module>Bench.cpp defines bench::addCases:
 //
@@ -31,8 +31,8 @@ struct Targets {
 
 class Case {
 public:
-    // `operation` names the row in the tables. All cases of an operation have the same targets.
-    Case(std::string operation, Targets targets);
+    // `operationName` names the row in the tables. All cases of an operation have the same targets.
+    Case(std::string operationName, Targets targets);
     Case(const Case&) = delete;
     Case& operator=(const Case&) = delete;
     ~Case() = default;
@@ -52,12 +52,16 @@ public:
     Case& floor(const Side& side);
     // A peer that the target holds for.
     Case& peer(const std::string& name, const Side& side);
+    // A peer with a target of its own, whether or not it is the best one.
+    Case& peer(const std::string& name, double ofPeer, const Side& side);
     // A peer that is shown without being the measure, and why.
     Case& shown(const std::string& name, const std::string& why, const Side& side);
 
 private:
     Case& add(const std::string& name, const std::string& label, const Side& side);
+    Case& addSide(const std::string& name, const std::string& label, const Side& side);
 
+    std::string operation;
     std::string setting;
     bool timedBySide = false;
     bool timedByClock = false;
