@@ -8,10 +8,10 @@
 
 uint32_t floorRefuse(const void* object, unsigned long* item, void** position)
 {
+    *item = 0;
     if (object == nullptr) {
         return 0x8008;
     }
-    *item = 0;
     *position = nullptr;
     return 0;
 }

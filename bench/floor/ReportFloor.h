@@ -6,7 +6,7 @@
 
 #include "bench/floor/Floor.h"
 
-// Refuses a NULL object with a code, as CList_GetNext does, and says nothing.
+// Clears the item and refuses a NULL object with a code, as CList_GetNext does, and says nothing.
 FLOOR_API uint32_t floorRefuse(const void* object, unsigned long* item, void** position);
 
 // The sink's line, with its time, process, thread, channel, level, place and text, in one write.
