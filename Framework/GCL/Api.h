@@ -1,7 +1,7 @@
 // Api.h: how the library's interface is declared, in C and in C++.
 //
-// The library comes as libKivGCL.so and, if it was built with KIVGCL_BUILD_STATIC, as libKivGCL.a as
-// well. The archive is for a program that is the only user of the library in its process; linked
+// The library comes as libKivGCL.so and, if it was built with KIVGCL_BUILD_STATIC, as libKivGCL.a
+// as well. The archive is for a program that is the only user of the library in its process; linked
 // with -flto by the compiler that built the archive, it has the small calls inlined. It is not for
 // a program that also loads libKivGCL.so, by itself or through a plug-in or another library, nor
 // for a shared library: the trace channels, the syslog level, the sleep override and the timers'

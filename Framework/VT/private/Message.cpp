@@ -167,7 +167,8 @@ void openMessage(const char* channelName, int32_t level, const VorTraceHeader* h
     message.level = level;
     message.line.clear();
     char time[kTimeStampSize];
-    message.line.append(time, formatTimeStamp(time));
+    const size_t timeLength = formatTimeStamp(time);
+    message.line.append(time, timeLength);
     const VorTraceHeader from = header != nullptr ? *header : VorTraceHeader{nullptr, 0, nullptr};
     message.line.append(" ", 1);
     appendNumber(getpid(), '/');
