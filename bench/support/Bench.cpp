@@ -1,6 +1,8 @@
 #include "bench/support/Bench.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <set>
 #include <utility>
 
 #include "Framework/GCL/TraceChannels.h"
@@ -20,9 +22,8 @@ std::string textOf(double value)
 // The report reads the targets from the run's context, under the operation's name.
 Case::Case(std::string operation, Targets targets) : setting(std::move(operation))
 {
-    static std::string last;
-    if (setting != last) {
-        last = setting;
+    static std::set<std::string> known;
+    if (known.insert(setting).second) {
         benchmark::AddCustomContext("targets:" + setting,
                                     textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
     }
@@ -74,11 +75,11 @@ Case& Case::shown(const std::string& name, const std::string& why, const Side& s
 
 Case& Case::add(const std::string& name, const std::string& label, const Side& side)
 {
-    auto* const registered = benchmark::RegisterBenchmark(
-        (setting + "@" + name).c_str(), [side, label](benchmark::State& state) {
-            side(state);
-            state.SetLabel(label);
-        });
+    auto* const registered = benchmark::RegisterBenchmark((setting + "@" + name).c_str(),
+                                                          [side, label](benchmark::State& state) {
+                                                              side(state);
+                                                              state.SetLabel(label);
+                                                          });
     if (timedBySide) {
         registered->UseManualTime();
     } else if (timedByClock) {
@@ -88,6 +89,16 @@ Case& Case::add(const std::string& name, const std::string& label, const Side& s
         registered->Iterations(fixedRounds);
     }
     return *this;
+}
+
+void Rounds::finish(benchmark::State& state, double perRound)
+{
+    if (times.empty()) {
+        return; // the side ended with an error
+    }
+    const auto middle = times.begin() + static_cast<ptrdiff_t>(times.size() / 2);
+    std::nth_element(times.begin(), middle, times.end());
+    state.counters["operation"] = *middle / perRound;
 }
 
 } // namespace bench

@@ -1,7 +1,7 @@
-// The frame of the bench programs. A case is one operation at one setting. It is measured on several
-// sides: ours, the floor, and the peers. Google Benchmark runs the repetitions of all sides in random
-// order (--benchmark_enable_random_interleaving), so that what disturbs the machine for a while
-// disturbs all of them alike; bench/report.py compares the medians.
+// The frame of the bench programs. A case is one operation at one setting. It is measured on
+// several sides: ours, the floor, and the peers. Google Benchmark runs the repetitions of all sides
+// in random order (--benchmark_enable_random_interleaving), so that what disturbs the machine for a
+// while disturbs all of them alike; bench/report.py compares the medians.
 //
 // A module's <Module>Bench.cpp defines bench::addCases:
 //
@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -88,6 +89,22 @@ double secondsOf(const Work& work)
     work();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
+
+// For manualTime: the rounds of one side. Their median is what counts, so that a round in which the
+// machine did something else does not.
+class Rounds {
+public:
+    void add(benchmark::State& state, double seconds)
+    {
+        state.SetIterationTime(seconds);
+        times.push_back(seconds);
+    }
+    // In place of setOperations.
+    void finish(benchmark::State& state, double perRound);
+
+private:
+    std::vector<double> times;
+};
 
 // Registers the cases of the module; each bench program defines it.
 void addCases();
