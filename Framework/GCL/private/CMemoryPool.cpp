@@ -23,16 +23,19 @@ uint32_t strideOf(uint32_t blockSize)
     return (blockSize + 3) & ~uint32_t{3};
 }
 
-// Puts the blocks on the stack, the first one first, until one does not fit.
-uint32_t pushBlocks(CStack& stack, unsigned char* area, uint32_t stride, uint32_t count)
+// Fills an empty stack with as many blocks as its capacity says, the first one first. They all fit,
+// but for a stack that is full from the start.
+uint32_t pushBlocks(CStack& stack, unsigned char* area, uint32_t stride)
 {
-    unsigned char* block = area;
-    for (uint32_t i = 0; i < count; ++i, block += stride) {
-        const uint32_t result = gcl::stackPush(stack, block);
-        if (GCL_IS_FAILURE(result)) {
-            return result;
-        }
+    const int32_t last = gcl::stackLastIndex(stack);
+    if (last < 0) {
+        return stack.uiCapacity == 0 ? GCL_OK : GCL_STACK_FULL;
     }
+    unsigned char* block = area;
+    for (uint32_t i = 0; i < stack.uiCapacity; ++i, block += stride) {
+        stack.pEntries[i] = block;
+    }
+    stack.iTop = last;
     return GCL_OK;
 }
 
@@ -54,7 +57,7 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     pThis->pBlockArea = new unsigned char[areaSize];
     static_cast<void>(entries.release());
 
-    const uint32_t result = pushBlocks(freeBlocks, pThis->pBlockArea, stride, uiNrOfBlocks);
+    const uint32_t result = pushBlocks(freeBlocks, pThis->pBlockArea, stride);
     pThis->freeBlocks = freeBlocks;
     if (GCL_IS_FAILURE(result)) {
         static_cast<void>(

@@ -16,14 +16,19 @@ inline bool stackHasFailed(const CStack& stack)
     return static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE);
 }
 
+// By contract: the last index is taken unsigned and compared signed. A capacity of 0 gives -1, one
+// above 0x80000000 a negative number too: such stacks are full from the start.
+inline int32_t stackLastIndex(const CStack& stack)
+{
+    return static_cast<int32_t>(stack.uiCapacity - 1);
+}
+
 inline uint32_t stackPush(CStack& stack, void* entry)
 {
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    // By contract: the last index is taken unsigned and compared signed. A capacity of 0 gives -1,
-    // one above 0x80000000 a negative number too: such stacks are full from the start.
-    if (stack.iTop >= static_cast<int32_t>(stack.uiCapacity - 1)) {
+    if (stack.iTop >= stackLastIndex(stack)) {
         return GCL_STACK_FULL;
     }
     ++stack.iTop;
