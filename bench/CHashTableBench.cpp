@@ -1,10 +1,10 @@
 // CHashTable beside its floor, GLib's and APR's hash tables, uthash and std::unordered_map.
 #include "Framework/GCL/CHashTable.h"
 
+#include <algorithm>
 #include <apr_general.h>
 #include <apr_hash.h>
 #include <apr_strings.h>
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -75,13 +75,12 @@ class Case:
     def title(self) -> str:
         return ", ".join([self.operation] + [f"{a} {v:g}" for a, v in self.setting.items()])
 
-    def best_peer(self) -> str | None:
-        peers = [
+    def peers(self) -> list[str]:
+        return [
             name
             for name, side in self.sides.items()
             if name not in ("ours", "floor") and not side.why_shown
         ]
-        return min(peers, key=lambda name: self.sides[name].median, default=None)
 
     def ratio(self, other: str) -> float:
         return round(self.sides["ours"].median / self.sides[other].median, 2)
@@ -93,6 +92,7 @@ class Results:
     def __init__(self, directory: str) -> None:
         self.cases: dict[tuple[str, tuple[tuple[str, float], ...]], Case] = {}
         self.targets: dict[str, tuple[float, float]] = {}
+        self.targets_of_peers: dict[tuple[str, str], float] = {}
         self.dates: list[str] = []
         self.loads: list[float] = []
         self.repetitions = 0
@@ -112,9 +112,14 @@ class Results:
         self.dates.append(context["date"][:10])
         self.loads.append(context["load_avg"][0] if context["load_avg"] else 0.0)
         for key, value in context.items():
-            if key.startswith("targets:"):
+            if not key.startswith("target:"):
+                continue
+            operation, _, peer = key[len("target:") :].partition("@")
+            if peer:
+                self.targets_of_peers[operation, peer] = float(value)
+            else:
                 of_floor, of_peer = value.split()
-                self.targets[key[len("targets:") :]] = (float(of_floor), float(of_peer))
+                self.targets[operation] = (float(of_floor), float(of_peer))
         for sample in run["benchmarks"]:
             if sample["run_type"] != "iteration":
                 continue
@@ -141,16 +146,35 @@ class Results:
             raise Incomplete(f"{operation} was not measured")
         return cases
 
+    def target(self, case: Case, side: str) -> float:
+        """The highest ratio to the side that is accepted; 0 for any."""
+        of_floor, of_peer = self.targets[case.operation]
+        if side == "floor":
+            return of_floor
+        return self.targets_of_peers.get((case.operation, side), of_peer)
+
+    def hardest_peer(self, case: Case) -> str | None:
+        """The fastest peer, measured by the target for it."""
+        return max(
+            case.peers(),
+            key=lambda peer: (
+                case.ratio(peer) / (self.target(case, peer) or 1),
+                -case.sides[peer].median,
+            ),
+            default=None,
+        )
+
+    def judged(self, case: Case) -> list[str]:
+        """The sides that the case has a target for."""
+        return [side for side in ["floor"] + case.peers() if self.target(case, side)]
+
     def misses(self, case: Case) -> list[str]:
         """The targets that the case misses, as text."""
-        of_floor, of_peer = self.targets[case.operation]
-        peer = case.best_peer()
-        missed = []
-        if of_floor and case.ratio("floor") > of_floor:
-            missed.append(f"{case.ratio('floor'):.2f} of the floor, target {of_floor:.2f}")
-        if of_peer and peer is not None and case.ratio(peer) > of_peer:
-            missed.append(f"{case.ratio(peer):.2f} of {peer}, target {of_peer:.2f}")
-        return missed
+        return [
+            f"{case.ratio(side):.2f} of {side}, target {self.target(case, side):.2f}"
+            for side in self.judged(case)
+            if case.ratio(side) > self.target(case, side)
+        ]
 
 
 def time_text(seconds: float) -> str:
@@ -166,12 +190,12 @@ def output_of(*command: str) -> str:
 
 def table(results: Results, operations: list[str]) -> list[str]:
     lines = [
-        "| operation | setting | ours | floor | ratio | target | best peer | ratio | target | |",
+        "| operation | setting | ours | floor | ratio | target | peer | ratio | target | |",
         "|---|---|--:|--:|--:|--:|---|--:|--:|---|",
     ]
     for operation in operations:
-        of_floor, of_peer = results.targets[operation]
         for case in results.of(operation):
+            of_floor = results.target(case, "floor")
             ours = case.sides["ours"]
             cells = [
                 f"`{operation}`",
@@ -181,17 +205,18 @@ def table(results: Results, operations: list[str]) -> list[str]:
                 f"{case.ratio('floor'):.2f}",
                 f"{of_floor:.2f}" if of_floor else "",
             ]
-            peer = case.best_peer()
+            peer = results.hardest_peer(case)
             if peer is None:
                 cells += ["", "", ""]
             else:
+                of_peer = results.target(case, peer)
                 cells += [
                     f"{peer} {time_text(case.sides[peer].median)}",
                     f"{case.ratio(peer):.2f}",
                     f"{of_peer:.2f}" if of_peer else "",
                 ]
-            judged = of_floor or (of_peer and peer is not None)
-            cells.append(("**missed**" if results.misses(case) else "met") if judged else "")
+            verdict_of_case = "**missed**" if results.misses(case) else "met"
+            cells.append(verdict_of_case if results.judged(case) else "")
             lines.append("| " + " | ".join(cells) + " |")
     shown = {
         (name, side.why_shown)
@@ -285,7 +310,7 @@ def machine(results: Results, build: str) -> list[str]:
 
 
 def verdict(results: Results) -> list[str]:
-    judged = [case for case in results.cases.values() if any(results.targets[case.operation])]
+    judged = [case for case in results.cases.values() if results.judged(case)]
     missed = [(case, results.misses(case)) for case in judged if results.misses(case)]
     lines = [f"{len(judged) - len(missed)} of {len(judged)} cases meet their targets."]
     if missed:

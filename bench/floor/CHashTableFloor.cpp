@@ -114,8 +114,7 @@ uint32_t floorTableGet(const FloorTable* table, const char* key, unsigned long* 
         return kInvalidKey;
     }
     const size_t length = std::strlen(key);
-    const FloorBucket& bucket =
-        table->buckets[indexOf(hashOf(key, length), table->bucketCount)];
+    const FloorBucket& bucket = table->buckets[indexOf(hashOf(key, length), table->bucketCount)];
     if (bucket.count == 0 || length > 255) {
         return kNotFound;
     }

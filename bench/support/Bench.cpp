@@ -17,16 +17,20 @@ std::string textOf(double value)
     return text;
 }
 
-} // namespace
-
-// The report reads the targets from the run's context, under the operation's name.
-Case::Case(std::string operation, Targets targets) : setting(std::move(operation))
+// The report reads the targets from the run's context. All cases of an operation say the same.
+void addTarget(const std::string& key, const std::string& value)
 {
     static std::set<std::string> known;
-    if (known.insert(setting).second) {
-        benchmark::AddCustomContext("targets:" + setting,
-                                    textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
+    if (known.insert(key).second) {
+        benchmark::AddCustomContext("target:" + key, value);
     }
+}
+
+} // namespace
+
+Case::Case(std::string name, Targets targets) : operation(std::move(name)), setting(operation)
+{
+    addTarget(operation, textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
 }
 
 Case& Case::at(const std::string& axis, double value)
@@ -63,8 +67,11 @@ Case& Case::floor(const Side& side)
     return add("floor", "", side);
 }
 
-Case& Case::peer(const std::string& name, const Side& side)
+Case& Case::peer(const std::string& name, const Side& side, double target)
 {
+    if (target > 0) {
+        addTarget(operation + "@" + name, textOf(target));
+    }
     return add(name, "", side);
 }
 

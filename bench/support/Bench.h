@@ -32,8 +32,9 @@ struct Targets {
 
 class Case {
 public:
-    // `operation` names the row in the tables. All cases of an operation have the same targets.
-    Case(std::string operation, Targets targets);
+    // `name` is the operation's, which stands in the tables. All cases of an operation have the
+    // same targets.
+    Case(std::string name, Targets targets);
     Case(const Case&) = delete;
     Case& operator=(const Case&) = delete;
     ~Case() = default;
@@ -51,14 +52,15 @@ public:
 
     Case& ours(const Side& side);
     Case& floor(const Side& side);
-    // A peer that the target holds for.
-    Case& peer(const std::string& name, const Side& side);
+    // A peer that the target holds for, or one of its own where that is not 0.
+    Case& peer(const std::string& name, const Side& side, double target = 0);
     // A peer that is shown without being the measure, and why.
     Case& shown(const std::string& name, const std::string& why, const Side& side);
 
 private:
     Case& add(const std::string& name, const std::string& label, const Side& side);
 
+    std::string operation;
     std::string setting;
     bool timedBySide = false;
     bool timedByClock = false;

@@ -1,10 +1,11 @@
-// djb2, the hash of the hash table's keys: from 5381 on, h = h * 33 + b for each byte b, modulo 2^32.
+// djb2, the hash of the hash table's keys: from 5381 on, h = h * 33 + b for each byte b, modulo
+// 2^32.
 //
 // Done byte by byte, each step waits for the multiplication before it. A block of n bytes can be
 // taken at once instead, as h * 33^n plus the sum of each byte times its own power of 33, and that
 // sum is formed side by side in a word or a vector. The hash is the same whatever the blocks, and
-// nothing outside the key is read: what is left of it at last is taken from its last whole word, with
-// the bytes that were taken before cleared.
+// nothing outside the key is read: what is left of it at last is taken from its last whole word,
+// with the bytes that were taken before cleared.
 #ifndef GCL_PRIVATE_DJB2_H
 #define GCL_PRIVATE_DJB2_H
 
@@ -40,8 +41,8 @@ Word loadWord(const char* bytes)
     return word;
 }
 
-// The bytes of a word, each times its power of 33: 33^0 for the last one. A pair's sum is below 2^16
-// and that of four bytes below 2^24, so that none runs into its neighbour.
+// The bytes of a word, each times its power of 33: 33^0 for the last one. A pair's sum is below
+// 2^16 and that of four bytes below 2^24, so that none runs into its neighbour.
 inline uint32_t sumOf(uint32_t word)
 {
     const uint32_t pairs = (word & 0x00FF00FF) * 33 + ((word >> 8) & 0x00FF00FF);
@@ -81,8 +82,8 @@ uint32_t djb2ByWords(uint32_t hash, const char* key, const char* end, size_t len
 }
 
 #ifdef __SSE2__
-// Two blocks of 16 bytes in a round, so that neither waits for the other. A lane's sums of four bytes
-// are kept apart, those at even places from those at odd ones: a multiplication of the lanes
+// Two blocks of 16 bytes in a round, so that neither waits for the other. A lane's sums of four
+// bytes are kept apart, those at even places from those at odd ones: a multiplication of the lanes
 // takes the lower half of each and gives all of its product, of which the lower half counts.
 struct Djb2Lanes {
     __m128i even = _mm_setzero_si128();
@@ -98,8 +99,8 @@ struct Djb2Lanes {
     {
         const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
         const __m128i firsts = _mm_and_si128(block, _mm_set1_epi16(0x00FF));
-        const __m128i pairs = _mm_add_epi16(_mm_mullo_epi16(firsts, _mm_set1_epi16(33)),
-                                            _mm_srli_epi16(block, 8));
+        const __m128i pairs =
+            _mm_add_epi16(_mm_mullo_epi16(firsts, _mm_set1_epi16(33)), _mm_srli_epi16(block, 8));
         const __m128i fours =
             _mm_madd_epi16(pairs, _mm_set1_epi32(static_cast<int>(powerOf33(2)) | 1 << 16));
         even = _mm_add_epi64(even, fours);
