@@ -116,10 +116,9 @@ public:
     }
     bool find(unsigned long item)
     {
-        return g_queue_find_custom(&queue, GSIZE_TO_POINTER(item), [](const void* of,
-                                                                      const void* key) {
-                   return of == key ? 0 : 1;
-               }) != nullptr;
+        return g_queue_find_custom(
+                   &queue, GSIZE_TO_POINTER(item),
+                   [](const void* of, const void* key) { return of == key ? 0 : 1; }) != nullptr;
     }
     void remove(unsigned long item) { g_queue_remove_all(&queue, GSIZE_TO_POINTER(item)); }
 

@@ -36,7 +36,7 @@ void getAndPut(benchmark::State& state, uint32_t depth, const Get& get, const Pu
 
 void addGetAndPut(uint32_t depth)
 {
-    bench::Case("CMemoryPool_Malloc, CMemoryPool_Free", {1.05, 0.5})
+    bench::Case("CMemoryPool_Malloc, CMemoryPool_Free", {1.05, 0})
         .at("blocks", depth)
         .ours([depth](benchmark::State& state) {
             CMemoryPool pool;
@@ -64,26 +64,24 @@ void addGetAndPut(uint32_t depth)
                 [&](void* block) { static_cast<void>(floorPoolFree(&pool, block)); });
             floorPoolDestruct(&pool);
         })
-        .peer(
-            "malloc",
-            [depth](benchmark::State& state) {
-                getAndPut(
-                    state, depth,
-                    [] {
-                        void* block = std::malloc(kBlockSize);
-                        benchmark::DoNotOptimize(block); // else both calls are left out
-                        return block;
-                    },
-                    [](void* block) { std::free(block); });
-            },
-            0.7)
-        .peer("g_slice",
+        .peer("malloc", 0.7,
+              [depth](benchmark::State& state) {
+                  getAndPut(
+                      state, depth,
+                      [] {
+                          void* block = std::malloc(kBlockSize);
+                          benchmark::DoNotOptimize(block); // else both calls are left out
+                          return block;
+                      },
+                      [](void* block) { std::free(block); });
+              })
+        .peer("g_slice", 0.5,
               [depth](benchmark::State& state) {
                   getAndPut(
                       state, depth, [] { return g_slice_alloc(kBlockSize); },
                       [](void* block) { g_slice_free1(kBlockSize, block); });
               })
-        .peer("std::pmr pool",
+        .peer("std::pmr pool", 0.5,
               [depth](benchmark::State& state) {
                   std::pmr::unsynchronized_pool_resource pool;
                   getAndPut(

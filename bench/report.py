@@ -7,6 +7,7 @@ these lines, alone on theirs, are replaced:
     @machine                  what was measured, on what, and when
     @verdict                  how many targets were met, and which were missed
     @table                    a table of the operations named on the lines that follow, up to @end
+    @sides                    the same, with every side and what ours takes of its time
     @plot FILE | OPERATION | AXIS | FIXED | CAPTION
                               a plot of an operation's cost against an axis of its setting; FIXED
                               gives the other axes a value each ("load=1, key=16"), or is empty
@@ -75,12 +76,13 @@ class Case:
     def title(self) -> str:
         return ", ".join([self.operation] + [f"{a} {v:g}" for a, v in self.setting.items()])
 
-    def peers(self) -> list[str]:
-        return [
+    def best_peer(self) -> str | None:
+        peers = [
             name
             for name, side in self.sides.items()
             if name not in ("ours", "floor") and not side.why_shown
         ]
+        return min(peers, key=lambda name: self.sides[name].median, default=None)
 
     def ratio(self, other: str) -> float:
         return round(self.sides["ours"].median / self.sides[other].median, 2)
@@ -92,7 +94,7 @@ class Results:
     def __init__(self, directory: str) -> None:
         self.cases: dict[tuple[str, tuple[tuple[str, float], ...]], Case] = {}
         self.targets: dict[str, tuple[float, float]] = {}
-        self.targets_of_peers: dict[tuple[str, str], float] = {}
+        self.peer_targets: dict[tuple[str, str], float] = {}
         self.dates: list[str] = []
         self.loads: list[float] = []
         self.repetitions = 0
@@ -112,14 +114,12 @@ class Results:
         self.dates.append(context["date"][:10])
         self.loads.append(context["load_avg"][0] if context["load_avg"] else 0.0)
         for key, value in context.items():
-            if not key.startswith("target:"):
-                continue
-            operation, _, peer = key[len("target:") :].partition("@")
-            if peer:
-                self.targets_of_peers[operation, peer] = float(value)
-            else:
+            if key.startswith("targets:"):
                 of_floor, of_peer = value.split()
-                self.targets[operation] = (float(of_floor), float(of_peer))
+                self.targets[key[len("targets:") :]] = (float(of_floor), float(of_peer))
+            elif key.startswith("target:"):
+                operation, _, peer = key[len("target:") :].partition("@")
+                self.peer_targets[operation, peer] = float(value)
         for sample in run["benchmarks"]:
             if sample["run_type"] != "iteration":
                 continue
@@ -146,35 +146,28 @@ class Results:
             raise Incomplete(f"{operation} was not measured")
         return cases
 
-    def target(self, case: Case, side: str) -> float:
-        """The highest ratio to the side that is accepted; 0 for any."""
-        of_floor, of_peer = self.targets[case.operation]
-        if side == "floor":
-            return of_floor
-        return self.targets_of_peers.get((case.operation, side), of_peer)
+    def target_of(self, case: Case, peer: str) -> float:
+        """What ours may take of the peer's time; 0 for no target."""
+        own = self.peer_targets.get((case.operation, peer), 0.0)
+        if own or peer != case.best_peer():
+            return own
+        return self.targets[case.operation][1]
 
-    def hardest_peer(self, case: Case) -> str | None:
-        """The fastest peer, measured by the target for it."""
-        return max(
-            case.peers(),
-            key=lambda peer: (
-                case.ratio(peer) / (self.target(case, peer) or 1),
-                -case.sides[peer].median,
-            ),
-            default=None,
-        )
-
-    def judged(self, case: Case) -> list[str]:
-        """The sides that the case has a target for."""
-        return [side for side in ["floor"] + case.peers() if self.target(case, side)]
+    def judged(self, case: Case) -> bool:
+        of_floor = self.targets[case.operation][0]
+        return bool(of_floor) or any(self.target_of(case, side) for side in case.sides)
 
     def misses(self, case: Case) -> list[str]:
         """The targets that the case misses, as text."""
-        return [
-            f"{case.ratio(side):.2f} of {side}, target {self.target(case, side):.2f}"
-            for side in self.judged(case)
-            if case.ratio(side) > self.target(case, side)
-        ]
+        of_floor = self.targets[case.operation][0]
+        missed = []
+        if of_floor and case.ratio("floor") > of_floor:
+            missed.append(f"{case.ratio('floor'):.2f} of the floor, target {of_floor:.2f}")
+        for peer in case.sides:
+            of_peer = self.target_of(case, peer)
+            if of_peer and case.ratio(peer) > of_peer:
+                missed.append(f"{case.ratio(peer):.2f} of {peer}, target {of_peer:.2f}")
+        return missed
 
 
 def time_text(seconds: float) -> str:
@@ -190,12 +183,12 @@ def output_of(*command: str) -> str:
 
 def table(results: Results, operations: list[str]) -> list[str]:
     lines = [
-        "| operation | setting | ours | floor | ratio | target | peer | ratio | target | |",
+        "| operation | setting | ours | floor | ratio | target | best peer | ratio | target | |",
         "|---|---|--:|--:|--:|--:|---|--:|--:|---|",
     ]
     for operation in operations:
+        of_floor = results.targets[operation][0]
         for case in results.of(operation):
-            of_floor = results.target(case, "floor")
             ours = case.sides["ours"]
             cells = [
                 f"`{operation}`",
@@ -205,18 +198,18 @@ def table(results: Results, operations: list[str]) -> list[str]:
                 f"{case.ratio('floor'):.2f}",
                 f"{of_floor:.2f}" if of_floor else "",
             ]
-            peer = results.hardest_peer(case)
+            peer = case.best_peer()
             if peer is None:
                 cells += ["", "", ""]
             else:
-                of_peer = results.target(case, peer)
+                of_peer = results.target_of(case, peer)
                 cells += [
                     f"{peer} {time_text(case.sides[peer].median)}",
                     f"{case.ratio(peer):.2f}",
                     f"{of_peer:.2f}" if of_peer else "",
                 ]
-            verdict_of_case = "**missed**" if results.misses(case) else "met"
-            cells.append(verdict_of_case if results.judged(case) else "")
+            judged = results.judged(case)
+            cells.append(("**missed**" if results.misses(case) else "met") if judged else "")
             lines.append("| " + " | ".join(cells) + " |")
     shown = {
         (name, side.why_shown)
@@ -228,6 +221,26 @@ def table(results: Results, operations: list[str]) -> list[str]:
     if shown:
         named = "; ".join(f"{name} ({why})" for name, why in sorted(shown))
         lines += ["", f"Measured as well, but not a peer in the table: {named}."]
+    return lines
+
+
+def sides(results: Results, operations: list[str]) -> list[str]:
+    lines = ["| operation | setting | side | time | ours takes | target | |", "|---|---|---|--:|--:|--:|---|"]
+    for operation in operations:
+        for case in results.of(operation):
+            where = [f"`{operation}`", ", ".join(f"{a} {v:g}" for a, v in case.setting.items())]
+            for name, side in sorted(case.sides.items(), key=lambda item: item[1].median):
+                target = results.target_of(case, name)
+                if name == "floor":
+                    target = results.targets[operation][0]
+                cells = where + [
+                    f"**{name}**" if name == "ours" else name,
+                    f"{time_text(side.median)} ±{side.spread:.0%}",
+                    "" if name == "ours" else f"{case.ratio(name):.2f}",
+                    f"{target:.2f}" if target else "",
+                    side.why_shown,
+                ]
+                lines.append("| " + " | ".join(cells) + " |")
     return lines
 
 
@@ -350,14 +363,14 @@ def page(results: Results, template: str, build: str, plots: str, output: str) -
             written += verdict(results)
         elif command == "@footprint":
             written += footprint(build)
-        elif command == "@table":
+        elif command in ("@table", "@sides"):
             operations = []
             for operation in lines:
                 if operation == "@end":
                     break
                 operations.append(operation)
             tabled += operations
-            written += table(results, operations)
+            written += (table if command == "@table" else sides)(results, operations)
         elif command == "@plot":
             name, operation, axis, fixed, caption = [part.strip() for part in rest.split("|")]
             values = dict(pair.strip().split("=") for pair in fixed.split(",") if pair.strip())

@@ -17,20 +17,22 @@ std::string textOf(double value)
     return text;
 }
 
-// The report reads the targets from the run's context. All cases of an operation say the same.
-void addTarget(const std::string& key, const std::string& value)
+// All cases of an operation say the same.
+void addToContext(const std::string& key, const std::string& value)
 {
     static std::set<std::string> known;
     if (known.insert(key).second) {
-        benchmark::AddCustomContext("target:" + key, value);
+        benchmark::AddCustomContext(key, value);
     }
 }
 
 } // namespace
 
-Case::Case(std::string name, Targets targets) : operation(std::move(name)), setting(operation)
+// The report reads the targets from the run's context, under the operation's name.
+Case::Case(std::string operationName, Targets targets)
+    : operation(std::move(operationName)), setting(operation)
 {
-    addTarget(operation, textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
+    addToContext("targets:" + operation, textOf(targets.ofFloor) + " " + textOf(targets.ofPeer));
 }
 
 Case& Case::at(const std::string& axis, double value)
@@ -67,11 +69,14 @@ Case& Case::floor(const Side& side)
     return add("floor", "", side);
 }
 
-Case& Case::peer(const std::string& name, const Side& side, double target)
+Case& Case::peer(const std::string& name, const Side& side)
 {
-    if (target > 0) {
-        addTarget(operation + "@" + name, textOf(target));
-    }
+    return add(name, "", side);
+}
+
+Case& Case::peer(const std::string& name, double ofPeer, const Side& side)
+{
+    addToContext("target:" + operation + "@" + name, textOf(ofPeer));
     return add(name, "", side);
 }
 
@@ -81,6 +86,20 @@ Case& Case::shown(const std::string& name, const std::string& why, const Side& s
 }
 
 Case& Case::add(const std::string& name, const std::string& label, const Side& side)
+{
+#ifdef KIVGCL_BENCH_STATIC
+    // This program holds the archive; all other sides are measured beside the shared library.
+    static_cast<void>(label);
+    if (name != "ours") {
+        return *this;
+    }
+    return addSide("static", "ours, from the archive, linked with -flto", side);
+#else
+    return addSide(name, label, side);
+#endif
+}
+
+Case& Case::addSide(const std::string& name, const std::string& label, const Side& side)
 {
     auto* const registered = benchmark::RegisterBenchmark((setting + "@" + name).c_str(),
                                                           [side, label](benchmark::State& state) {

@@ -32,9 +32,8 @@ struct Targets {
 
 class Case {
 public:
-    // `name` is the operation's, which stands in the tables. All cases of an operation have the
-    // same targets.
-    Case(std::string name, Targets targets);
+    // `operationName` names the row in the tables. All cases of an operation have the same targets.
+    Case(std::string operationName, Targets targets);
     Case(const Case&) = delete;
     Case& operator=(const Case&) = delete;
     ~Case() = default;
@@ -52,13 +51,16 @@ public:
 
     Case& ours(const Side& side);
     Case& floor(const Side& side);
-    // A peer that the target holds for, or one of its own where that is not 0.
-    Case& peer(const std::string& name, const Side& side, double target = 0);
+    // A peer that the target holds for.
+    Case& peer(const std::string& name, const Side& side);
+    // A peer with a target of its own, whether or not it is the best one.
+    Case& peer(const std::string& name, double ofPeer, const Side& side);
     // A peer that is shown without being the measure, and why.
     Case& shown(const std::string& name, const std::string& why, const Side& side);
 
 private:
     Case& add(const std::string& name, const std::string& label, const Side& side);
+    Case& addSide(const std::string& name, const std::string& label, const Side& side);
 
     std::string operation;
     std::string setting;
