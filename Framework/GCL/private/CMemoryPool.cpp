@@ -51,14 +51,11 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     *pThis = {uiBlockSize, uiNrOfBlocks, nullptr, {nullptr, -1, 0, GCL_OK}};
     const uint32_t stride = strideOf(uiBlockSize);
     const uint32_t areaSize = stride * uiNrOfBlocks; // may wrap, like the stride
-    CStack freeBlocks;
-    CStack_Construct(&freeBlocks, uiNrOfBlocks);
-    std::unique_ptr<void*[]> entries(freeBlocks.pEntries); // until there is a block area too
+    std::unique_ptr<void*[]> entries(new void*[uiNrOfBlocks]); // until there is a block area too
     pThis->pBlockArea = new unsigned char[areaSize];
-    static_cast<void>(entries.release());
+    pThis->freeBlocks = {entries.release(), -1, uiNrOfBlocks, GCL_OK};
 
-    const uint32_t result = pushBlocks(freeBlocks, pThis->pBlockArea, stride);
-    pThis->freeBlocks = freeBlocks;
+    const uint32_t result = pushBlocks(pThis->freeBlocks, pThis->pBlockArea, stride);
     if (GCL_IS_FAILURE(result)) {
         static_cast<void>(
             GCL_REPORT(GCL_FAILURE, "Not possible to push memory block of size %u!", stride));
