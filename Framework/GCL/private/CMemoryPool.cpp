@@ -50,7 +50,7 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     // Without its memory it stays a pool that has no block and can be destructed.
     *pThis = {uiBlockSize, uiNrOfBlocks, nullptr, {nullptr, -1, 0, GCL_OK}};
     const uint32_t stride = strideOf(uiBlockSize);
-    const uint32_t areaSize = stride * uiNrOfBlocks; // may wrap, like the stride
+    const uint32_t areaSize = stride * uiNrOfBlocks;           // may wrap, like the stride
     std::unique_ptr<void*[]> entries(new void*[uiNrOfBlocks]); // until there is a block area too
     pThis->pBlockArea = new unsigned char[areaSize];
     pThis->freeBlocks = {entries.release(), -1, uiNrOfBlocks, GCL_OK};
