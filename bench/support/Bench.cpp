@@ -1,5 +1,6 @@
 #include "bench/support/Bench.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 #include <utility>
@@ -114,6 +115,16 @@ Case& Case::addSide(const std::string& name, const std::string& label, const Sid
         registered->Iterations(fixedRounds);
     }
     return *this;
+}
+
+void Rounds::finish(benchmark::State& state, double perRound)
+{
+    if (times.empty()) {
+        return; // the side ended with an error
+    }
+    const auto middle = times.begin() + static_cast<ptrdiff_t>(times.size() / 2);
+    std::nth_element(times.begin(), middle, times.end());
+    state.counters["operation"] = *middle / perRound;
 }
 
 } // namespace bench

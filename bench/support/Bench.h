@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -92,6 +93,22 @@ double secondsOf(const Work& work)
     work();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
+
+// For manualTime: the rounds of one side. Their median is what counts, so that a round in which the
+// machine did something else does not.
+class Rounds {
+public:
+    void add(benchmark::State& state, double seconds)
+    {
+        state.SetIterationTime(seconds);
+        times.push_back(seconds);
+    }
+    // In place of setOperations.
+    void finish(benchmark::State& state, double perRound);
+
+private:
+    std::vector<double> times;
+};
 
 // Registers the cases of the module; each bench program defines it.
 void addCases();
