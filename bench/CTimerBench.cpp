@@ -286,6 +286,7 @@ void lateness(benchmark::State& state)
 {
     Expiry expiry;
     Timer timer(expiry);
+    bench::Rounds rounds;
     bool early = false;
     for (auto _ : state) {
         // A worker that has not ended its last run refuses.
@@ -296,10 +297,10 @@ void lateness(benchmark::State& state)
         }
         const int64_t lateNs = expiry.wait() - dueNs;
         early = early || (lateNs < 0 && !mayBeEarly);
-        state.SetIterationTime(static_cast<double>(std::max<int64_t>(lateNs, 0)) / kNsPerSecond);
+        rounds.add(state, static_cast<double>(std::max<int64_t>(lateNs, 0)) / kNsPerSecond);
     }
     bench::require(state, !early, "the timer expired early");
-    bench::setOperations(state, 1);
+    rounds.finish(state, 1);
 }
 
 } // namespace

@@ -30,8 +30,30 @@ import sys
 import tempfile
 from dataclasses import dataclass, field
 
-PEER_PACKAGES = ("libglib2.0-0", "libapr1", "uthash-dev", "libboost-dev", "libstdc++6", "libc6")
-PEER_LIBRARIES = ("libglib-2.0.so.0", "libapr-1.so.0")
+PEER_PACKAGES = (
+    "libace-dev",
+    "libapr1",
+    "libaprutil1",
+    "libboost-dev",
+    "libc6",
+    "libglib2.0-0",
+    "libnng1",
+    "libspdlog-dev",
+    "libstdc++6",
+    "libuv1",
+    "libzmq5",
+    "uthash-dev",
+)
+PEER_LIBRARIES = (
+    "libglib-2.0.so.0",
+    "libapr-1.so.0",
+    "libaprutil-1.so.0",
+    "libACE-7.0.8.so",
+    "libnng.so.1",
+    "libspdlog.so.1.10",
+    "libuv.so.1",
+    "libzmq.so.5",
+)
 
 NAME = re.compile(
     r"(?P<operation>[^/@]+)(?P<setting>(?:/[^/:@]+:[-+.e0-9]+)*)@(?P<side>.+?)"
@@ -225,7 +247,10 @@ def table(results: Results, operations: list[str]) -> list[str]:
 
 
 def sides(results: Results, operations: list[str]) -> list[str]:
-    lines = ["| operation | setting | side | time | ours takes | target | |", "|---|---|---|--:|--:|--:|---|"]
+    lines = [
+        "| operation | setting | side | time | ours takes | target | |",
+        "|---|---|---|--:|--:|--:|---|",
+    ]
     for operation in operations:
         for case in results.of(operation):
             where = [f"`{operation}`", ", ".join(f"{a} {v:g}" for a, v in case.setting.items())]
