@@ -538,7 +538,8 @@ TEST(CFifoBufferRing, IsBackAtSlotZeroAfterCapacityPutsAndGets)
 
 TEST(CFifoBufferRing, CopiesElementsOfEverySizeWhole)
 {
-    for (const uint32_t size : {1u, 2u, 3u, 4u, 5u, 7u, 8u, 9u, 12u, 15u, 16u, 17u, 33u, 1024u}) {
+    for (const uint32_t size :
+         {1u, 2u, 3u, 4u, 5u, 7u, 8u, 9u, 12u, 15u, 16u, 17u, 32u, 63u, 64u, 65u, 1024u}) {
         OwnedFifo fifo(size, 2, eTaskingModeNone);
         for (int round = 0; round < 3; ++round) {
             std::vector<unsigned char> in(size);

@@ -215,7 +215,7 @@ TEST_P(CHashTableOperations, ReportANullKey)
 
 TEST(CHashTableHash, SelectsTheBucketFromTheWholeKey)
 {
-    // Lengths around the steps of four, bytes above 127, and keys longer than what is stored.
+    // Lengths around the steps of the hash, bytes above 127, and keys longer than what is stored.
     std::vector<std::string> keys = {"", "a", "ab", "abc", "abcd", "abcde", "\xff\x80\xfe"};
     std::mt19937 random(5);
     for (size_t length = 0; length < 40; ++length) {
@@ -245,28 +245,50 @@ TEST(CHashTableHash, SelectsTheBucketFromTheWholeKey)
     expectSilence();
 }
 
-TEST(CHashTableHash, ReadsNothingBehindTheTerminatingZero)
+TEST(CHashTableHash, ReadsNothingOutsideTheKey)
 {
-    // The key ends with the last byte of a page, and the next page cannot be read.
+    // The key fills the end of a page, then the beginning of one; its neighbours cannot be read.
     const auto pageSize = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void* const pages =
-        mmap(nullptr, 2 * pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        mmap(nullptr, 3 * pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(pages, MAP_FAILED);
-    char* const end = static_cast<char*>(pages) + pageSize;
+    char* const begin = static_cast<char*>(pages) + pageSize;
+    char* const end = begin + pageSize;
+    ASSERT_EQ(mprotect(pages, pageSize, PROT_NONE), 0);
     ASSERT_EQ(mprotect(end, pageSize, PROT_NONE), 0);
     OwnedTable table(3);
-    for (size_t length = 0; length < 20; ++length) {
-        char* const key = end - length - 1;
-        std::memset(key, 'k', length);
-        key[length] = '\0';
-        unsigned long value = 0;
-        EXPECT_EQ(CHashTable_Set(&table, key, length), GCL_OK);
-        EXPECT_EQ(CHashTable_Get(&table, key, &value), GCL_OK);
-        EXPECT_EQ(value, length);
-        EXPECT_EQ(CHashTable_Exists(&table, key), 1u);
+    for (size_t length = 0; length < 300; ++length) {
+        for (char* const key : {end - length - 1, begin}) {
+            std::memset(key, 'k', length);
+            key[length] = '\0';
+            unsigned long value = 0;
+            EXPECT_EQ(CHashTable_Set(&table, key, length + 1), GCL_OK);
+            const bool kept = length < 256;
+            EXPECT_EQ(CHashTable_Get(&table, key, &value), kept ? GCL_OK : GCL_PAIR_NOT_FOUND);
+            EXPECT_EQ(value, kept ? length + 1 : 0);
+            EXPECT_EQ(CHashTable_Exists(&table, key), kept ? 1u : 0u);
+        }
     }
-    EXPECT_EQ(CHashTable_Count(&table), 20u);
-    munmap(pages, 2 * pageSize);
+    EXPECT_EQ(CHashTable_Count(&table), 256u + 2 * 44u);
+    munmap(pages, 3 * pageSize);
+}
+
+TEST(CHashTableKeys, AreToldApartByEveryByte)
+{
+    OwnedTable table(1);
+    for (size_t length = 1; length < 256; ++length) {
+        std::string key(length, 'k');
+        ASSERT_EQ(CHashTable_Set(&table, key.c_str(), length), GCL_OK);
+        for (char& character : key) {
+            character = 'l';
+            EXPECT_EQ(CHashTable_Exists(&table, key.c_str()), 0u) << key;
+            character = 'k';
+        }
+        unsigned long value = 0;
+        EXPECT_EQ(CHashTable_Get(&table, key.c_str(), &value), GCL_OK);
+        EXPECT_EQ(value, length);
+    }
+    expectSilence();
 }
 
 TEST(CHashTableSet, StoresACopyOfTheKeyFilledUpWithZeros)
@@ -294,6 +316,24 @@ TEST(CHashTableSet, StoresACopyOfTheKeyFilledUpWithZeros)
     EXPECT_EQ(CHashTable_Get(&table, "name", &value), GCL_OK);
     EXPECT_EQ(value, ~0ul);
     expectSilence();
+}
+
+TEST(CHashTableSet, FillsUpKeysOfAnyLengthWithZeros)
+{
+    const Hook hook(calls::newArray, [](size_t size) {
+        void* const memory = calls::newArray.real(size);
+        std::memset(memory, 0xA5, size);
+        return memory;
+    });
+    OwnedTable table(1);
+    for (size_t length = 0; length < 300; ++length) {
+        const std::string key(length, 'n');
+        ASSERT_EQ(CHashTable_Set(&table, key.c_str(), 1), GCL_OK);
+        char expected[256] = {};
+        key.copy(expected, 255);
+        ASSERT_EQ(std::memcmp(table->pBuckets[0].pFirst->szKey, expected, sizeof expected), 0)
+            << length;
+    }
 }
 
 TEST(CHashTableSet, OverwritesTheValueOfAKey)

@@ -1,4 +1,12 @@
 // Api.h: how the library's interface is declared, in C and in C++.
+//
+// The library comes as libKivGCL.so and, if it was built with KIVGCL_BUILD_STATIC, as libKivGCL.a
+// as well. The archive is for a program that is the only user of the library in its process; linked
+// with -flto by the compiler that built the archive, it has the small calls inlined. It is not for
+// a program that also loads libKivGCL.so, by itself or through a plug-in or another library, nor
+// for a shared library: the trace channels, the syslog level, the sleep override and the timers'
+// trace object would then exist twice in the process, and what is set in one is not seen by the
+// users of the other. Only programs may link it, and with a C++ runtime, also if they are in C.
 #ifndef GCL_API_H
 #define GCL_API_H
 

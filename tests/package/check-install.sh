@@ -1,11 +1,11 @@
 #!/bin/sh
 # Installs a build, moves the installed tree, and builds and runs a C and a C++ program against it,
 # by find_package and by pkg-config.
-# Usage: check-install.sh BUILD_DIR SOURCE_DIR LIBDIR CC CXX TOOLCHAIN_FILE [EMULATOR...]
+# Usage: check-install.sh BUILD_DIR SOURCE_DIR LIBDIR CC CXX READELF TOOLCHAIN_FILE [EMULATOR...]
 set -eu
 
-build=$1 source=$2 libdir=$3 cc=$4 cxx=$5 toolchain=$6
-shift 6
+build=$1 source=$2 libdir=$3 cc=$4 cxx=$5 readelf=$6 toolchain=$7
+shift 7
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -59,6 +59,31 @@ expectations=$c_expectations
 run 'find_package, C' "$work/consumer/c-consumer" "$@"
 expectations=$cxx_expectations
 run 'find_package, C++' "$work/consumer/cxx-consumer" "$@"
+
+# The archive, if there is one: the programs hold the library, and -flto takes small calls apart.
+if grep -q '^KIVGCL_BUILD_STATIC:.*=ON$' "$build/CMakeCache.txt"; then
+    test -f "$work/consumer/c-static"
+fi
+for variant in static lto; do
+    for language in c cxx; do
+        program=$work/consumer/$language-$variant
+        [ -f "$program" ] || continue
+        eval "expectations=\$${language}_expectations"
+        run "$language-$variant" "$program" "$@"
+        "$readelf" -dW "$program" >"$work/needed"
+        if grep -q 'libKivGCL' "$work/needed" || ! grep -q 'libVorTrace' "$work/needed"; then
+            echo "$language-$variant: needs the wrong libraries"
+            exit 1
+        fi
+        calls=$("$readelf" -sW "$program" | grep -c ' CList_Construct$' || true)
+        case $variant$calls in
+        static0 | lto[!0]*)
+            echo "$language-$variant: $calls functions CList_Construct"
+            exit 1
+            ;;
+        esac
+    done
+done
 
 export PKG_CONFIG_LIBDIR="$tree/$libdir/pkgconfig"
 flags=$(pkg-config --cflags --libs KivGCL VorTrace)

@@ -69,7 +69,7 @@ unsigned char* slot(const CFifoBuffer& fifo, uint32_t index)
 
 // Copies of the commonest sizes are a few instructions each; none is made of no bytes, for which
 // the caller may have no memory at all.
-void copyElement(void* to, const void* from, uint32_t size)
+[[gnu::always_inline]] inline void copyElement(void* to, const void* from, uint32_t size)
 {
     switch (size) {
     case 0:
@@ -83,26 +83,29 @@ void copyElement(void* to, const void* from, uint32_t size)
     case 16:
         std::memcpy(to, from, 16);
         break;
+    case 64:
+        std::memcpy(to, from, 64);
+        break;
     default:
         std::memcpy(to, from, size);
         break;
     }
 }
 
-// The next index comes first: a ring without slots ends there, with nothing copied.
-void storeElement(CFifoBuffer& fifo, const void* element)
+// Both are put into each mode's own function, so that between its two calls there is nothing but
+// the copy. No ring without slots comes here: it is always full and always empty; getLocked, which
+// does not look, says so itself.
+[[gnu::always_inline]] inline void storeElement(CFifoBuffer& fifo, const void* element)
 {
-    const uint32_t next = nextIndex(fifo, fifo.uiWriteIndex);
     copyElement(slot(fifo, fifo.uiWriteIndex), element, fifo.uiElementSize);
-    fifo.uiWriteIndex = next;
+    fifo.uiWriteIndex = nextIndex(fifo, fifo.uiWriteIndex);
     setCurrentSize(fifo, currentSize(fifo) + 1);
 }
 
-void takeElement(CFifoBuffer& fifo, void* element)
+[[gnu::always_inline]] inline void takeElement(CFifoBuffer& fifo, void* element)
 {
-    const uint32_t next = nextIndex(fifo, fifo.uiReadIndex);
     copyElement(element, slot(fifo, fifo.uiReadIndex), fifo.uiElementSize);
-    fifo.uiReadIndex = next;
+    fifo.uiReadIndex = nextIndex(fifo, fifo.uiReadIndex);
     setCurrentSize(fifo, currentSize(fifo) - 1);
 }
 
@@ -134,9 +137,10 @@ bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted, unsigned& error)
     return true;
 }
 
+// Each mode is a function of its own, which Put and Get jump to without a frame.
 // The counting semaphore is always taken before cpyMutex, and cpyMutex is given back before the
 // other side is told: who is woken finds the lock free.
-uint32_t putWaiting(CFifoBuffer& fifo, const void* element)
+[[gnu::noinline]] uint32_t putWaiting(CFifoBuffer& fifo, const void* element)
 {
     if (sem_wait(&fifo.putSemaphore) != 0) {
         return GCL_REPORT_AS(kPut, GCL_SEMAPHORE_FAILED,
@@ -164,7 +168,7 @@ uint32_t putWaiting(CFifoBuffer& fifo, const void* element)
     return GCL_OK;
 }
 
-uint32_t getWaiting(CFifoBuffer& fifo, void* element)
+[[gnu::noinline]] uint32_t getWaiting(CFifoBuffer& fifo, void* element)
 {
     if (sem_wait(&fifo.getSemaphore) != 0) {
         return GCL_REPORT_AS(kGet, GCL_SEMAPHORE_FAILED,
@@ -192,7 +196,7 @@ uint32_t getWaiting(CFifoBuffer& fifo, void* element)
     return GCL_OK;
 }
 
-uint32_t putUnprotected(CFifoBuffer& fifo, const void* element)
+[[gnu::noinline]] uint32_t putUnprotected(CFifoBuffer& fifo, const void* element)
 {
     // By contract: a full ring is silent, while an empty one is reported.
     if (currentSize(fifo) >= fifo.uiCapacity) {
@@ -202,7 +206,7 @@ uint32_t putUnprotected(CFifoBuffer& fifo, const void* element)
     return GCL_OK;
 }
 
-uint32_t getUnprotected(CFifoBuffer& fifo, void* element)
+[[gnu::noinline]] uint32_t getUnprotected(CFifoBuffer& fifo, void* element)
 {
     if (currentSize(fifo) == 0) {
         return GCL_REPORT_AS(kGet, GCL_FIFO_EMPTY, "Fifo buffer empty");
@@ -213,7 +217,7 @@ uint32_t getUnprotected(CFifoBuffer& fifo, void* element)
 
 // By contract: a failure of the mutex is told by errno, which the mutex calls leave as it was; what
 // they return says only that they failed.
-uint32_t putLocked(CFifoBuffer& fifo, const void* element)
+[[gnu::noinline]] uint32_t putLocked(CFifoBuffer& fifo, const void* element)
 {
     if (pthread_mutex_lock(&fifo.fifoMutex) != 0) {
         return GCL_REPORT_AS(kPut, GCL_MUTEX_FAILED, "%s: Failed to lock mutex (errno: %u)", kPut,
@@ -230,19 +234,44 @@ uint32_t putLocked(CFifoBuffer& fifo, const void* element)
     return GCL_OK;
 }
 
-uint32_t getLocked(CFifoBuffer& fifo, void* element)
+[[gnu::noinline]] uint32_t getLocked(CFifoBuffer& fifo, void* element)
 {
     if (pthread_mutex_lock(&fifo.fifoMutex) != 0) {
         return GCL_REPORT_AS(kGet, GCL_MUTEX_FAILED, "%s: Failed to lock mutex (errno: %u)", kGet,
                              lastError());
     }
     // By contract: an empty ring is not looked for; its reader asks CFifoBuffer_IsEmpty first.
+    if (fifo.uiCapacity == 0) {
+        gcl::divideByZero(); // before anything is copied
+    }
     takeElement(fifo, element);
     if (pthread_mutex_unlock(&fifo.fifoMutex) != 0) {
         return GCL_REPORT_AS(kGet, GCL_MUTEX_FAILED, "%s: Failed to release mutex (errno: %u)",
                              kGet, lastError());
     }
     return GCL_OK;
+}
+
+[[gnu::cold, gnu::noinline]] uint32_t putUninitialized()
+{
+    return GCL_REPORT_AS(kPut, GCL_FIFO_NOT_INITIALIZED, "Not initialized");
+}
+
+[[gnu::cold, gnu::noinline]] uint32_t getUninitialized()
+{
+    return GCL_REPORT_AS(kGet, GCL_FIFO_NOT_INITIALIZED, "Not initialized");
+}
+
+[[gnu::cold, gnu::noinline]] uint32_t refusePut(const CFifoBuffer& fifo)
+{
+    return GCL_REPORT_AS(kPut, GCL_FAILURE, "%s: ETaskingMode not supported (eMode: %lu)", kPut,
+                         static_cast<unsigned long>(fifo.eMode));
+}
+
+[[gnu::cold, gnu::noinline]] uint32_t refuseGet(const CFifoBuffer& fifo)
+{
+    return GCL_REPORT_AS(kGet, GCL_FAILURE, "%s: ETaskingMode not supported (eMode: %lu)", kGet,
+                         static_cast<unsigned long>(fifo.eMode));
 }
 
 } // namespace
@@ -306,7 +335,7 @@ void CFifoBuffer_Destruct(CFifoBuffer* pThis)
 uint32_t CFifoBuffer_Put(CFifoBuffer* pThis, const void* pElement)
 {
     if (pThis->bInitialized == 0) {
-        return GCL_REPORT(GCL_FIFO_NOT_INITIALIZED, "Not initialized");
+        return putUninitialized();
     }
     switch (pThis->eMode) {
     case eTaskingModeSemaphore:
@@ -316,15 +345,14 @@ uint32_t CFifoBuffer_Put(CFifoBuffer* pThis, const void* pElement)
     case eTaskingModeMutex:
         return putLocked(*pThis, pElement);
     default:
-        return GCL_REPORT(GCL_FAILURE, "%s: ETaskingMode not supported (eMode: %lu)", __func__,
-                          static_cast<unsigned long>(pThis->eMode));
+        return refusePut(*pThis);
     }
 }
 
 uint32_t CFifoBuffer_Get(CFifoBuffer* pThis, void* pElement)
 {
     if (pThis->bInitialized == 0) {
-        return GCL_REPORT(GCL_FIFO_NOT_INITIALIZED, "Not initialized");
+        return getUninitialized();
     }
     switch (pThis->eMode) {
     case eTaskingModeSemaphore:
@@ -334,8 +362,7 @@ uint32_t CFifoBuffer_Get(CFifoBuffer* pThis, void* pElement)
     case eTaskingModeMutex:
         return getLocked(*pThis, pElement);
     default:
-        return GCL_REPORT(GCL_FAILURE, "%s: ETaskingMode not supported (eMode: %lu)", __func__,
-                          static_cast<unsigned long>(pThis->eMode));
+        return refuseGet(*pThis);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/private/DivideByZero.h"
+#include "Framework/GCL/private/Djb2.h"
 #include "Framework/GCL/private/Report.h"
 
 namespace {
@@ -24,26 +25,18 @@ static_assert(sizeof(CHashTable) == 8 + sizeof(void*));
 
 constexpr char kSource[] = "Framework/GCL/private/CHashTable";
 
-// djb2, modulo 2^32, over the bytes read as unsigned ones. Four bytes at a time shorten the chain
-// of dependent steps; nothing behind the terminating zero is read.
-uint32_t hashOf(const char* key)
-{
-    constexpr uint32_t k33 = 33;
-    const auto* next = reinterpret_cast<const unsigned char*>(key);
-    uint32_t hash = 5381;
-    for (; next[0] != 0 && next[1] != 0 && next[2] != 0 && next[3] != 0; next += 4) {
-        hash = hash * (k33 * k33 * k33 * k33) + next[0] * (k33 * k33 * k33) +
-               next[1] * (k33 * k33) + next[2] * k33 + next[3];
-    }
-    for (; *next != 0; ++next) {
-        hash = hash * k33 + *next;
-    }
-    return hash;
-}
+// A key that was given. Its length is taken once, so that neither the hash nor the walk looks for
+// its end again.
+struct Key {
+    explicit Key(const char* given) : text(given), size(std::strlen(given) + 1) {}
 
-CHashTableBucket& bucketOf(const CHashTable& table, const char* key)
+    const char* text;
+    size_t size; // with the terminating zero
+};
+
+[[gnu::always_inline]] inline CHashTableBucket& bucketOf(const CHashTable& table, const Key& key)
 {
-    const uint32_t hash = hashOf(key);
+    const uint32_t hash = gcl::djb2(key.text, key.size - 1);
     const uint32_t count = table.uiBucketCount;
     if ((count & (count - 1)) != 0) {
         return table.pBuckets[hash % count];
@@ -55,13 +48,55 @@ CHashTableBucket& bucketOf(const CHashTable& table, const char* key)
     return table.pBuckets[hash & (count - 1)];
 }
 
-bool hasKey(const CHashTablePair& pair, const char* key)
+// What is done for each pair is forced inline: a call would cost as much as its work.
+#ifdef __SSE2__
+[[gnu::always_inline]] inline bool differ(const char* left, const char* right)
 {
-    return pair.szKey[0] == key[0] && std::strcmp(pair.szKey, key) == 0;
+    const __m128i equal = _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(left)),
+                                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(right)));
+    return _mm_movemask_epi8(equal) != 0xFFFF;
+}
+#endif
+
+// Compares the last bytes first: keys often begin alike, and the zero at the end settles the
+// length.
+[[gnu::always_inline]] inline bool hasKey(const CHashTablePair& pair, const Key& key)
+{
+    using Word = uintptr_t;
+    if (key.size > sizeof pair.szKey) {
+        return false; // none so long is stored whole
+    }
+#ifdef __SSE2__
+    if (key.size >= 16) {
+        const size_t left = key.size - 16;
+        if (differ(pair.szKey + left, key.text + left)) {
+            return false;
+        }
+        for (size_t at = 0; at < left; at += 16) {
+            if (differ(pair.szKey + at, key.text + at)) {
+                return false;
+            }
+        }
+        return true;
+    }
+#endif
+    if (key.size >= sizeof(Word)) {
+        const size_t left = key.size - sizeof(Word);
+        return gcl::loadWord<Word>(pair.szKey + left) == gcl::loadWord<Word>(key.text + left) &&
+               std::memcmp(pair.szKey, key.text, left) == 0;
+    }
+    size_t at = 0;
+    while (pair.szKey[at] == key.text[at]) {
+        if (++at == key.size) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // The pair with the key, NULL if there is none. A bucket that counts none is not walked.
-CHashTablePair* findPair(const CHashTableBucket& bucket, const char* key)
+[[gnu::always_inline]] inline CHashTablePair* findPair(const CHashTableBucket& bucket,
+                                                       const Key& key)
 {
     CHashTablePair* pair = bucket.uiCount == 0 ? nullptr : bucket.pFirst;
     while (pair != nullptr && !hasKey(*pair, key)) {
@@ -72,7 +107,7 @@ CHashTablePair* findPair(const CHashTableBucket& bucket, const char* key)
 
 // Whether a bucket's first pair has the key. A bucket that counts pairs must have one: its absence
 // is reported, under this function's own name.
-bool CHashTable_PairHasKey(const CHashTablePair* pair, const char* key)
+bool CHashTable_PairHasKey(const CHashTablePair* pair, const Key& key)
 {
     if (pair == nullptr) {
         static_cast<void>(GCL_REPORT(GCL_INVALID_HASH_TABLE, "Invalid hash table"));
@@ -82,7 +117,7 @@ bool CHashTable_PairHasKey(const CHashTablePair* pair, const char* key)
 }
 
 // Takes the pair with the key out of its bucket; NULL if there is none.
-CHashTablePair* unlinkPair(CHashTableBucket& bucket, const char* key)
+CHashTablePair* unlinkPair(CHashTableBucket& bucket, const Key& key)
 {
     if (bucket.uiCount == 0) {
         return nullptr;
@@ -100,13 +135,16 @@ CHashTablePair* unlinkPair(CHashTableBucket& bucket, const char* key)
     return pair;
 }
 
-CHashTablePair* newPair(const char* key, unsigned long value, CHashTablePair* next)
+CHashTablePair* newPair(const Key& key, unsigned long value, CHashTablePair* next)
 {
     auto* const pair = new CHashTablePair[1];
     // By contract: a longer key is cut, although all of it was hashed; by itself it is not found
-    // again.
-    std::strncpy(pair->szKey, key, sizeof pair->szKey);
-    pair->szKey[sizeof pair->szKey - 1] = '\0';
+    // again. The bytes behind the key are zeros.
+    const size_t length = key.size <= sizeof pair->szKey ? key.size - 1 : sizeof pair->szKey - 1;
+    for (size_t at = length / 16 * 16; at != sizeof pair->szKey; at += 16) {
+        std::memset(pair->szKey + at, 0, 16);
+    }
+    std::memcpy(pair->szKey, key.text, length);
     pair->ulValue = value;
     pair->pNext = next;
     return pair;
@@ -153,7 +191,8 @@ uint32_t CHashTable_Get(const CHashTable* pThis, const char* szKey, unsigned lon
     if (szKey == nullptr) {
         return GCL_REPORT(GCL_INVALID_HASH_KEY, "Invalid hash key");
     }
-    const CHashTablePair* const pair = findPair(bucketOf(*pThis, szKey), szKey);
+    const Key key(szKey);
+    const CHashTablePair* const pair = findPair(bucketOf(*pThis, key), key);
     if (pair == nullptr) {
         return GCL_PAIR_NOT_FOUND;
     }
@@ -171,7 +210,8 @@ uint32_t CHashTable_Exists(const CHashTable* pThis, const char* szKey)
         static_cast<void>(GCL_REPORT(GCL_INVALID_HASH_KEY, "Invalid hash key"));
         return 0;
     }
-    return findPair(bucketOf(*pThis, szKey), szKey) == nullptr ? 0 : 1;
+    const Key key(szKey);
+    return findPair(bucketOf(*pThis, key), key) == nullptr ? 0 : 1;
 }
 
 uint32_t CHashTable_Set(CHashTable* pThis, const char* szKey, unsigned long ulValue)
@@ -182,13 +222,14 @@ uint32_t CHashTable_Set(CHashTable* pThis, const char* szKey, unsigned long ulVa
     if (szKey == nullptr) {
         return GCL_REPORT(GCL_INVALID_HASH_KEY, "Invalid hash key");
     }
-    CHashTableBucket& bucket = bucketOf(*pThis, szKey);
-    CHashTablePair* const pair = findPair(bucket, szKey);
+    const Key key(szKey);
+    CHashTableBucket& bucket = bucketOf(*pThis, key);
+    CHashTablePair* const pair = findPair(bucket, key);
     if (pair != nullptr) {
         pair->ulValue = ulValue;
         return GCL_OK;
     }
-    bucket.pFirst = newPair(szKey, ulValue, bucket.pFirst);
+    bucket.pFirst = newPair(key, ulValue, bucket.pFirst);
     ++bucket.uiCount;
     ++pThis->uiCount;
     return GCL_OK;
@@ -202,7 +243,8 @@ uint32_t CHashTable_Unset(CHashTable* pThis, const char* szKey, unsigned long* p
     if (szKey == nullptr) {
         return GCL_REPORT(GCL_INVALID_HASH_KEY, "Invalid hash key");
     }
-    CHashTablePair* const pair = unlinkPair(bucketOf(*pThis, szKey), szKey);
+    const Key key(szKey);
+    CHashTablePair* const pair = unlinkPair(bucketOf(*pThis, key), key);
     const unsigned long value = pair == nullptr ? 0 : pair->ulValue;
     delete[] pair;
     // By contract: a value of 0 counts as an absent pair. The pair is gone all the same, but the

@@ -44,19 +44,47 @@ CListNode* nodeAt(const CList& list, uint32_t index)
     return node;
 }
 
-// Floyd's method: a pointer that steps twice as fast meets the slow one again only on a ring.
-bool hasCycle(const CList& list)
-{
-    const CListNode* slow = list.pHead;
-    const CListNode* fast = list.pHead;
-    while (fast != nullptr && fast->pNext != nullptr) {
-        fast = fast->pNext->pNext;
-        slow = slow->pNext;
-        if (fast == slow) {
-            return true;
+// Where an item stands in a list, all NULL if nowhere.
+struct Places {
+    CListNode* beforeFirst = nullptr; // NULL also if it is the first node's
+    CListNode* first = nullptr;
+    CListNode* last = nullptr;
+
+    void look(unsigned long item, CListNode* previous, CListNode* node)
+    {
+        if (__builtin_expect(node->ulItem == item, 0)) {
+            if (first == nullptr) {
+                beforeFirst = previous;
+                first = node;
+            }
+            last = node;
         }
     }
-    return false;
+};
+
+// Finds the places of an item in a list that is not empty; false if the list is circular. By
+// Floyd's method: a pointer that steps twice as fast meets the slow one again only on a ring.
+bool findPlaces(const CList& list, unsigned long item, Places& places)
+{
+    const CListNode* slow = list.pHead;
+    CListNode* fast = list.pHead;
+    places.look(item, nullptr, fast);
+    for (;;) {
+        CListNode* const odd = fast->pNext;
+        if (odd == nullptr) {
+            return true;
+        }
+        places.look(item, fast, odd);
+        fast = odd->pNext;
+        if (fast == nullptr) {
+            return true;
+        }
+        slow = slow->pNext;
+        if (fast == slow) {
+            return false;
+        }
+        places.look(item, odd, fast);
+    }
 }
 
 // The first node from `node` on whose item matches, NULL if there is none.
@@ -119,13 +147,19 @@ uint32_t CList_Remove(CList* pThis, unsigned long ulItem)
     if (pThis->pHead == nullptr) {
         return GCL_ITEM_NOT_FOUND;
     }
-    if (hasCycle(*pThis)) {
+    // Nothing is changed before the end of the list has been seen; what was found on the way there
+    // spares the removal the nodes before the first place and behind the last.
+    Places places;
+    if (!findPlaces(*pThis, ulItem, places)) {
         return GCL_REPORT(GCL_INVALID_ARGUMENT,
                           "CList_Remove: invalid argument. A cycle was detected in pThis! ");
     }
-    uint32_t result = GCL_ITEM_NOT_FOUND;
-    CListNode* lastKept = nullptr;
-    for (CListNode* node = pThis->pHead; node != nullptr;) {
+    if (places.first == nullptr) {
+        return GCL_ITEM_NOT_FOUND;
+    }
+    CListNode* lastKept = places.beforeFirst;
+    CListNode* node = places.first;
+    for (bool more = true; more;) {
         CListNode* const next = node->pNext;
         if (node->ulItem != ulItem) {
             lastKept = node;
@@ -138,13 +172,13 @@ uint32_t CList_Remove(CList* pThis, unsigned long ulItem)
             } else {
                 lastKept->pNext = next;
             }
+            more = node != places.last;
             delete[] node;
             --pThis->uiSize;
-            result = GCL_OK;
         }
         node = next;
     }
-    return result;
+    return GCL_OK;
 }
 
 uint32_t CList_PushHead(CList* pThis, unsigned long ulItem)

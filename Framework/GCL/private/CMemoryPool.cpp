@@ -23,16 +23,19 @@ uint32_t strideOf(uint32_t blockSize)
     return (blockSize + 3) & ~uint32_t{3};
 }
 
-// Puts the blocks on the stack, the first one first, until one does not fit.
-uint32_t pushBlocks(CStack& stack, unsigned char* area, uint32_t stride, uint32_t count)
+// Fills an empty stack with as many blocks as its capacity says, the first one first. They all fit,
+// but for a stack that is full from the start.
+uint32_t pushBlocks(CStack& stack, unsigned char* area, uint32_t stride)
 {
-    unsigned char* block = area;
-    for (uint32_t i = 0; i < count; ++i, block += stride) {
-        const uint32_t result = gcl::stackPush(stack, block);
-        if (GCL_IS_FAILURE(result)) {
-            return result;
-        }
+    const int32_t last = gcl::stackLastIndex(stack);
+    if (last < 0) {
+        return stack.uiCapacity == 0 ? GCL_OK : GCL_STACK_FULL;
     }
+    unsigned char* block = area;
+    for (uint32_t i = 0; i < stack.uiCapacity; ++i, block += stride) {
+        stack.pEntries[i] = block;
+    }
+    stack.iTop = last;
     return GCL_OK;
 }
 
@@ -47,15 +50,12 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     // Without its memory it stays a pool that has no block and can be destructed.
     *pThis = {uiBlockSize, uiNrOfBlocks, nullptr, {nullptr, -1, 0, GCL_OK}};
     const uint32_t stride = strideOf(uiBlockSize);
-    const uint32_t areaSize = stride * uiNrOfBlocks; // may wrap, like the stride
-    CStack freeBlocks;
-    CStack_Construct(&freeBlocks, uiNrOfBlocks);
-    std::unique_ptr<void*[]> entries(freeBlocks.pEntries); // until there is a block area too
+    const uint32_t areaSize = stride * uiNrOfBlocks;           // may wrap, like the stride
+    std::unique_ptr<void*[]> entries(new void*[uiNrOfBlocks]); // until there is a block area too
     pThis->pBlockArea = new unsigned char[areaSize];
-    static_cast<void>(entries.release());
+    pThis->freeBlocks = {entries.release(), -1, uiNrOfBlocks, GCL_OK};
 
-    const uint32_t result = pushBlocks(freeBlocks, pThis->pBlockArea, stride, uiNrOfBlocks);
-    pThis->freeBlocks = freeBlocks;
+    const uint32_t result = pushBlocks(pThis->freeBlocks, pThis->pBlockArea, stride);
     if (GCL_IS_FAILURE(result)) {
         static_cast<void>(
             GCL_REPORT(GCL_FAILURE, "Not possible to push memory block of size %u!", stride));

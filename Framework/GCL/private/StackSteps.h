@@ -13,7 +13,15 @@ namespace gcl {
 // By contract: the status is compared as a signed number, so that 0x80000000 and more pass.
 inline bool stackHasFailed(const CStack& stack)
 {
-    return static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE);
+    return __builtin_expect(
+        static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE), 0);
+}
+
+// By contract: the last index is taken unsigned and compared signed. A capacity of 0 gives -1, one
+// above 0x80000000 a negative number too: such stacks are full from the start.
+inline int32_t stackLastIndex(const CStack& stack)
+{
+    return static_cast<int32_t>(stack.uiCapacity - 1);
 }
 
 inline uint32_t stackPush(CStack& stack, void* entry)
@@ -21,9 +29,7 @@ inline uint32_t stackPush(CStack& stack, void* entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    // By contract: the last index is taken unsigned and compared signed. A capacity of 0 gives -1,
-    // one above 0x80000000 a negative number too: such stacks are full from the start.
-    if (stack.iTop >= static_cast<int32_t>(stack.uiCapacity - 1)) {
+    if (__builtin_expect(stack.iTop >= stackLastIndex(stack), 0)) {
         return GCL_STACK_FULL;
     }
     ++stack.iTop;
@@ -37,7 +43,7 @@ inline uint32_t stackPop(CStack& stack, void** entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (stack.iTop < 0) {
+    if (__builtin_expect(stack.iTop < 0, 0)) {
         return GCL_STACK_EMPTY;
     }
     *entry = stack.pEntries[stack.iTop];

@@ -61,16 +61,14 @@ class NoWriteSignals {
 public:
     NoWriteSignals()
     {
-        sigset_t pending;
         sigemptyset(&raised);
-        sigemptyset(&pending);
-        static_cast<void>(sigpending(&pending));
-        for (const int number : {SIGPIPE, SIGXFSZ}) {
-            if (sigismember(&pending, number) == 0) {
-                sigaddset(&raised, number);
-            }
-        }
+        sigaddset(&raised, SIGPIPE);
+        sigaddset(&raised, SIGXFSZ);
         static_cast<void>(pthread_sigmask(SIG_BLOCK, &raised, &before));
+        // Only what the thread held back before can have been pending.
+        if (sigismember(&before, SIGPIPE) == 1 || sigismember(&before, SIGXFSZ) == 1) {
+            leaveOutPending();
+        }
     }
     ~NoWriteSignals()
     {
@@ -87,6 +85,18 @@ public:
     void noteFailure() { writeFailed = true; }
 
 private:
+    void leaveOutPending()
+    {
+        sigset_t pending;
+        sigemptyset(&pending);
+        static_cast<void>(sigpending(&pending));
+        for (const int number : {SIGPIPE, SIGXFSZ}) {
+            if (sigismember(&pending, number) == 1) {
+                sigdelset(&raised, number);
+            }
+        }
+    }
+
     sigset_t raised; // those that only a write of this scope can have raised
     sigset_t before;
     bool writeFailed = false;

@@ -8,8 +8,11 @@
 
 namespace vt {
 
-// Writes the time of CLOCK_REALTIME as UTC, such as "2026-11-21T01:20:33.123456Z".
-void formatTimeStamp(char* text, size_t size);
+// The length of "2026-11-21T01:20:33.123456Z".
+constexpr size_t kTimeStampSize = 27;
+
+// Writes the time of CLOCK_REALTIME as UTC, without a NUL behind it; its length.
+size_t formatTimeStamp(char (&text)[kTimeStampSize]);
 
 // Milliseconds of CLOCK_MONOTONIC, for measuring how long something takes.
 int64_t monotonicMs();

@@ -1,0 +1,5 @@
+// A program that does nothing but start and end.
+int main()
+{
+    return 0;
+}
