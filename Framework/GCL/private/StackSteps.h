@@ -7,14 +7,14 @@
 
 #include "Framework/GCL/CStack.h"
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/private/Unlikely.h"
 
 namespace gcl {
 
 // By contract: the status is compared as a signed number, so that 0x80000000 and more pass.
 inline bool stackHasFailed(const CStack& stack)
 {
-    return __builtin_expect(
-        static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE), 0);
+    return unlikely(static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE));
 }
 
 // By contract: the last index is taken unsigned and compared signed. A capacity of 0 gives -1, one
@@ -29,7 +29,7 @@ inline uint32_t stackPush(CStack& stack, void* entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (__builtin_expect(stack.iTop >= stackLastIndex(stack), 0)) {
+    if (unlikely(stack.iTop >= stackLastIndex(stack))) {
         return GCL_STACK_FULL;
     }
     ++stack.iTop;
@@ -43,7 +43,7 @@ inline uint32_t stackPop(CStack& stack, void** entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (__builtin_expect(stack.iTop < 0, 0)) {
+    if (unlikely(stack.iTop < 0)) {
         return GCL_STACK_EMPTY;
     }
     *entry = stack.pEntries[stack.iTop];
