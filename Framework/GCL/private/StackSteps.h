@@ -29,11 +29,12 @@ inline uint32_t stackPush(CStack& stack, void* entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (unlikely(stack.iTop >= stackLastIndex(stack))) {
+    const int32_t top = stack.iTop;
+    if (unlikely(top >= stackLastIndex(stack))) {
         return GCL_STACK_FULL;
     }
-    ++stack.iTop;
-    stack.pEntries[stack.iTop] = entry;
+    stack.iTop = top + 1;
+    stack.pEntries[top + 1] = entry;
     return GCL_OK;
 }
 
@@ -43,11 +44,12 @@ inline uint32_t stackPop(CStack& stack, void** entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (unlikely(stack.iTop < 0)) {
+    const int32_t top = stack.iTop;
+    if (unlikely(top < 0)) {
         return GCL_STACK_EMPTY;
     }
-    *entry = stack.pEntries[stack.iTop];
-    --stack.iTop;
+    *entry = stack.pEntries[top];
+    stack.iTop = top - 1;
     return GCL_OK;
 }
 
