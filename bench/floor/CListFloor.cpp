@@ -119,44 +119,47 @@ uint32_t floorListRemove(FloorList* list, unsigned long item)
     if (__builtin_expect(list == nullptr, 0)) {
         return 0x8000;
     }
-    FloorNode** firstLink = nullptr;
-    FloorNode* beforeFirst = nullptr;
-    FloorNode* last = nullptr;
-    const FloorNode* slow = list->head;
     FloorNode* before = nullptr;
-    bool odd = false;
-    for (FloorNode** link = &list->head; *link != nullptr; link = &(*link)->next) {
-        FloorNode* const node = *link;
-        if (node->item == item) {
-            if (firstLink == nullptr) {
-                firstLink = link;
-                beforeFirst = before;
-            }
+    FloorNode* first = nullptr;
+    FloorNode* last = nullptr;
+    const auto look = [&](FloorNode* previous, FloorNode* node) {
+        if (__builtin_expect(node->item == item, 0)) {
+            before = first == nullptr ? previous : before;
+            first = first == nullptr ? node : first;
             last = node;
         }
-        before = node;
-        if (odd) {
-            slow = slow->next;
-            if (slow == node->next) {
-                return slow == nullptr ? 0x8005 : 0x8008;
-            }
+    };
+    const FloorNode* slow = list->head;
+    FloorNode* previous = nullptr;
+    for (FloorNode* node = list->head; node != nullptr;) {
+        look(previous, node);
+        previous = node->next;
+        if (previous == nullptr) {
+            break;
         }
-        odd = !odd;
+        look(node, previous);
+        node = previous->next;
+        slow = slow->next;
+        if (node == slow) {
+            if (node == nullptr) {
+                break;
+            }
+            return 0x8008;
+        }
     }
-    if (firstLink == nullptr) {
+    if (first == nullptr) {
         return 0x8005;
     }
-    FloorNode* kept = beforeFirst;
-    for (FloorNode** link = firstLink;;) {
-        FloorNode* const node = *link;
+    for (FloorNode* node = first;;) {
+        FloorNode* const next = node->next;
         if (node->item != item) {
-            kept = node;
-            link = &node->next;
+            before = node;
+            node = next;
             continue;
         }
-        *link = node->next;
+        (before == nullptr ? list->head : before->next) = next;
         if (node == list->tail) {
-            list->tail = kept;
+            list->tail = before;
         }
         --list->size;
         const bool wasLast = node == last;
@@ -164,5 +167,6 @@ uint32_t floorListRemove(FloorList* list, unsigned long item)
         if (wasLast) {
             return 0;
         }
+        node = next;
     }
 }

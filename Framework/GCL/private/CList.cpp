@@ -5,6 +5,7 @@
 
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/private/Report.h"
+#include "Framework/GCL/private/Unlikely.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ struct Places {
 
     void look(unsigned long item, CListNode* previous, CListNode* node)
     {
-        if (__builtin_expect(node->ulItem == item, 0)) {
+        if (gcl::unlikely(node->ulItem == item)) {
             if (first == nullptr) {
                 beforeFirst = previous;
                 first = node;

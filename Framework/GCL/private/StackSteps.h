@@ -7,14 +7,14 @@
 
 #include "Framework/GCL/CStack.h"
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/private/Unlikely.h"
 
 namespace gcl {
 
 // By contract: the status is compared as a signed number, so that 0x80000000 and more pass.
 inline bool stackHasFailed(const CStack& stack)
 {
-    return __builtin_expect(
-        static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE), 0);
+    return unlikely(static_cast<int32_t>(stack.uiStatus) >= static_cast<int32_t>(GCL_FAILURE));
 }
 
 // By contract: the last index is taken unsigned and compared signed. A capacity of 0 gives -1, one
@@ -29,11 +29,12 @@ inline uint32_t stackPush(CStack& stack, void* entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (__builtin_expect(stack.iTop >= stackLastIndex(stack), 0)) {
+    const int32_t top = stack.iTop;
+    if (unlikely(top >= stackLastIndex(stack))) {
         return GCL_STACK_FULL;
     }
-    ++stack.iTop;
-    stack.pEntries[stack.iTop] = entry;
+    stack.iTop = top + 1;
+    stack.pEntries[top + 1] = entry;
     return GCL_OK;
 }
 
@@ -43,11 +44,12 @@ inline uint32_t stackPop(CStack& stack, void** entry)
     if (stackHasFailed(stack)) {
         return stack.uiStatus;
     }
-    if (__builtin_expect(stack.iTop < 0, 0)) {
+    const int32_t top = stack.iTop;
+    if (unlikely(top < 0)) {
         return GCL_STACK_EMPTY;
     }
-    *entry = stack.pEntries[stack.iTop];
-    --stack.iTop;
+    *entry = stack.pEntries[top];
+    stack.iTop = top - 1;
     return GCL_OK;
 }
 
