@@ -19,7 +19,7 @@ import sys
 import tempfile
 import time
 from pathlib import Path
-from typing import Dict, List, Optional
+from typing import Dict, List, Optional, Tuple
 
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parent.parent
@@ -134,6 +134,18 @@ ARM_CORE = {name: f'(?:{value}|{NATIVE[name]})' if value == HANDLE else value
 def live(session: Session) -> None:
     """The running program."""
     session.compare('printers.txt', NATIVE, session.live)
+
+
+def threads(session: Session) -> None:
+    """The names of a running program's threads."""
+    session.compare('threads.txt', NATIVE, session.live)
+
+
+def reports(session: Session) -> None:
+    """A break point on the reports of the library."""
+    session.compare('reports.txt', NATIVE, [
+        'set breakpoint pending on',
+        'break VT_beginImpl if level == 1 && $_streq(channel->name, "KIV.GCL")', 'run'])
 
 
 def core(session: Session) -> None:
@@ -256,6 +268,39 @@ def tables(session: Session) -> None:
     print(f'{len(codes)} codes, {len(channels)} channels, {len(modes)} modes as in the headers')
 
 
+def page(session: Session) -> None:
+    """What docs/debugging.md shows is what the transcripts say."""
+    known: Dict[str, List[str]] = {}
+    for name in ('printers.txt', 'reports.txt', 'threads.txt'):
+        for command, answer in commands_in((HERE / name).read_text('utf-8')):
+            known.setdefault(command, answer)
+    shown = commands_in(re.sub(r'^    ', '', (ROOT / 'docs/debugging.md').read_text('utf-8'),
+                               flags=re.M))
+    compared = 0
+    for command, answer in shown:
+        if answer:
+            compare_lines(known.get(command, ['no such command']), answer, NATIVE)
+            compared += 1
+    if compared == 0:
+        raise Failure('the page shows nothing')
+    print(f'{compared} answers in docs/debugging.md as in the transcripts')
+
+
+def commands_in(text: str) -> List[Tuple[str, List[str]]]:
+    """The commands of a transcript with their answers, which end at an empty line."""
+    found: List[Tuple[str, List[str]]] = []
+    inside = False
+    for line in text.splitlines():
+        if line.startswith(PROMPT):
+            found.append((line, []))
+            inside = True
+        elif not line or line.startswith('#'):
+            inside = False
+        elif inside:
+            found[-1][1].append(line)
+    return found
+
+
 def system_root(session: Session) -> str:
     words = session.options.emulator.split(';')
     return words[words.index('-L') + 1]
@@ -300,7 +345,7 @@ def remote_core(session: Session) -> None:
 
 
 CASES = {
-    'Live': live, 'Core': core, 'Ide': ide, 'AutoLoad': auto_load,
+    'Live': live, 'Threads': threads, 'Reports': reports, 'Page': page, 'Core': core, 'Ide': ide, 'AutoLoad': auto_load,
     'AutoLoadInUsr': auto_load_in_usr, 'StrippedOfDebugInfo': stripped_of_debug_info,
     'StrippedOfSymbols': stripped_of_symbols, 'Tables': tables, 'Remote': remote,
     'RemoteCore': remote_core,

@@ -9,9 +9,11 @@ pass, as tshark does, and in two, as Wireshark does; both must show the same.
 """
 
 import argparse
+import itertools
 import os
 import random
 import re
+import shlex
 import shutil
 import signal
 import struct
@@ -28,7 +30,8 @@ from scapy.packet import Raw
 from scapy.utils import PcapReader, wrpcap
 
 HERE = Path(__file__).resolve().parent
-DISSECTOR = HERE.parent.parent / 'tools/wireshark/kivgcl.lua'
+ROOT = HERE.parent.parent
+DISSECTOR = ROOT / 'tools/wireshark/kivgcl.lua'
 SKIPPED = 77
 
 CLIENT = 0x434C4E54
@@ -510,7 +513,20 @@ def live(tester: Tester) -> None:
                                'Sequence number 5 repeated', garbage,
                                '1 frame missing between 7 and 9', garbage,
                                'Sequence number 10 repeated'])
+    check_page(tester, kept, port)
     print(f'{sum(map(len, shown.values()))} frames, captured in {kept}')
+
+
+def check_page(tester: Tester, capture: Path, port: int) -> None:
+    """What docs/debugging.md shows of such a capture is what tshark prints."""
+    lines = iter((ROOT / 'docs/debugging.md').read_text('utf-8').splitlines())
+    command = next(line for line in lines if line.startswith('    $ tshark '))
+    words = shlex.split(command)[2:]
+    words[words.index('live.pcapng')] = str(capture)
+    words[words.index('kivgcl.ports:4680')] = f'kivgcl.ports:{port}'
+    wanted = [line[4:] for line in itertools.takewhile(lambda line: line.startswith('    '), lines)]
+    found = tester.tshark('-X', f'lua_script:{DISSECTOR}', *words).expandtabs(8).splitlines()
+    equal('docs/debugging.md', wanted, [line.rstrip() for line in found])
 
 
 def start_capture(dumpcap: str, port: int, file: Path) -> 'subprocess.Popen[str]':
