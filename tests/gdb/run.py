@@ -196,7 +196,8 @@ def auto_load(session: Session) -> None:
         raise Failure(f'the printers are installed for {library}, where no library is')
     session.environment['LD_LIBRARY_PATH'] = str(library)
     session.automatic = [f'add-auto-load-safe-path {tree}',
-                         f'set auto-load scripts-directory {tree}/share/gdb/auto-load']
+                         'set auto-load scripts-directory '
+                         f'$debugdir:$datadir/auto-load:{tree}/share/gdb/auto-load']
     session.compare('printers.txt', NATIVE, session.live, printers=False)
 
 

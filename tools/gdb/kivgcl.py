@@ -21,9 +21,9 @@ never does, anything else can come about by its contract. The printers only read
 nothing in the program, take no lock, and work on core files and on ARM targets alike. While other
 threads run, a structure may be shown in the middle of a change.
 
-A CTimer needs the library's debug information; without it gdb calls the class an incomplete type,
-and $kivgcl_timer tells what can be known. All else needs the debug information of the program,
-which knows the public structures.
+A CTimer needs the library's debug information (and so does Util::HijackApi in a program that clang
+has compiled); without it gdb calls the class an incomplete type, and $kivgcl_timer tells what can
+be known. All else needs the debug information of the program, which knows the structures.
 
     $kivgcl_item(CONTAINER, N)   item N of a list, entry N of a stack from its top, the address of
                                  element N of a FIFO from its oldest or of block N of a pool, or the
