@@ -346,10 +346,10 @@ def remote_core(session: Session) -> None:
 
 
 CASES = {
-    'Live': live, 'Threads': threads, 'Reports': reports, 'Page': page, 'Core': core, 'Ide': ide, 'AutoLoad': auto_load,
-    'AutoLoadInUsr': auto_load_in_usr, 'StrippedOfDebugInfo': stripped_of_debug_info,
-    'StrippedOfSymbols': stripped_of_symbols, 'Tables': tables, 'Remote': remote,
-    'RemoteCore': remote_core,
+    'Live': live, 'Threads': threads, 'Reports': reports, 'Page': page, 'Core': core, 'Ide': ide,
+    'AutoLoad': auto_load, 'AutoLoadInUsr': auto_load_in_usr,
+    'StrippedOfDebugInfo': stripped_of_debug_info, 'StrippedOfSymbols': stripped_of_symbols,
+    'Tables': tables, 'Remote': remote, 'RemoteCore': remote_core,
 }
 
 

@@ -180,6 +180,13 @@ def segments(tester: Tester) -> None:
             'Client frame 2, 100 bytes'),
         Row(0, ['Server'], [1], [5], [b'hello'.hex()], [], [], [], 'Server frame 1, 5 bytes'),
     ])
+    # A long frame, in as many segments as a network makes of it, and one behind it.
+    payload = bytes(i * 7 % 256 for i in range(100000))
+    data = frame(CLIENT, 3, payload) + frame(CLIENT, 4)
+    capture = Capture()
+    capture.stream(cut(data, *range(1448, len(data), 1448)))
+    shown = frames_and_garbage(tester.rows(capture))
+    equal('a long frame', shown[0], ([(3, payload), (4, b'')], b''))
 
 
 def splits(tester: Tester) -> None:
@@ -202,8 +209,8 @@ def garbage_between(tester: Tester) -> None:
     """Garbage is shown as such, and the next frame is found."""
     nearly = struct.pack('>I', CLIENT ^ 0xFF) * 3
     capture = Capture()
-    capture.stream([frame(CLIENT, 0), b'junk' + frame(CLIENT, 1), nearly + frame(CLIENT, 2) + b'CLN',
-                    b'CLCL' + frame(CLIENT, 3)])
+    capture.stream([frame(CLIENT, 0), b'junk' + frame(CLIENT, 1),
+                    nearly + frame(CLIENT, 2) + b'CLN', b'CLCL' + frame(CLIENT, 3)])
     remark = 'Garbage: %s skipped in search of a sync id'
     equal('rows', tester.rows(capture), [
         Row(0, ['Client'], [0], [0], [], [], [], [], 'Client frame 0, 0 bytes'),

@@ -31,8 +31,8 @@ be known. All else needs the debug information of the program, which knows the s
                                  print *(struct Sample *)$kivgcl_item(queue, 0)
     $kivgcl_timer(POINTER)       what is known of a CTimer
     $kivgcl_code(CODE)           the name of a result code: print $kivgcl_code($eax)
-    info kivgcl-channels [TEXT]  the threshold of every trace channel whose name contains TEXT; needs
-                                 no debug information
+    info kivgcl-channels [TEXT]  the threshold of every trace channel whose name contains TEXT;
+                                 needs no debug information
 
 `info pretty-printer` lists the printers, `disable pretty-printer global KivGCL;CList` (or the
 library's file name instead of `global`) switches one off.
@@ -88,7 +88,7 @@ SEMAPHORE_MODE, _, MUTEX_MODE = range(3)
 Child = Tuple[str, object]
 
 
-# --- Reading ---------------------------------------------------------------------------------------
+# --- Reading ------------------------------------------------------------------------------------
 
 def element_limit() -> int:
     """How many elements the user wants to see at most."""
@@ -123,7 +123,8 @@ def text_at(address: int, limit: int = 64) -> str:
     try:
         while b'\0' not in text and len(text) < limit:
             # Up to the end of a page: the text may end where readable memory does.
-            text += read(address + len(text), min(limit - len(text), 64 - (address + len(text)) % 64))
+            end = address + len(text)
+            text += read(end, min(limit - len(text), 64 - end % 64))
     except gdb.MemoryError:
         return f'<the text at {address:#x} cannot be read>'
     ended = b'\0' in text
@@ -184,7 +185,7 @@ class Container(Printer):
         return index
 
 
-# --- The containers --------------------------------------------------------------------------------
+# --- The containers -----------------------------------------------------------------------------
 
 class Chain:
     """Nodes linked by pNext, read as far as they are asked for, each once."""
@@ -573,7 +574,7 @@ def mutex_text(name: str, mutex: gdb.Value) -> str:
     return f'{name} ' + (f'held by LWP {owner}' if held else 'free')
 
 
-# --- The others ------------------------------------------------------------------------------------
+# --- The others ---------------------------------------------------------------------------------
 
 class SocketPrinter(Printer):
     noun = 'socket'
@@ -725,7 +726,7 @@ def code_name(code: int) -> str:
     return f'{name} ({code:#06x})' if name else f'{code:#06x}'
 
 
-# --- Registration ----------------------------------------------------------------------------------
+# --- Registration -------------------------------------------------------------------------------
 
 PRINTERS = {
     'CList': ListPrinter,

@@ -1,10 +1,10 @@
 -- Wireshark dissector for the framed message stream of Util::HijackApi (Framework/GCL/HijackApi.h).
 --
--- A frame is a header of three unsigned 32-bit words, most significant byte first (sync id, sequence
--- number, payload length), and the payload. Each side has a sync id of its own. The dissector reads
--- a stream as the library's reader does: it hunts for the sender's sync id byte by byte, takes the
--- header, and hunts on behind the header of a frame that is longer than its reader accepts. So it
--- finds its way after garbage and in a capture that begins in mid-stream.
+-- A frame is a header of three unsigned 32-bit words, most significant byte first (sync id,
+-- sequence number, payload length), and the payload. Each side has a sync id of its own. The
+-- dissector reads a stream as the library's reader does: it hunts for the sender's sync id byte by
+-- byte, takes the header, and hunts on behind the header of a frame that is longer than its reader
+-- accepts. So it finds its way after garbage and in a capture that begins in mid-stream.
 --
 -- Wireshark finds this file by itself in its folder for plugins (tshark -G folders); elsewhere:
 --
@@ -17,8 +17,8 @@
 --   kivgcl.client_sync   the sync id of the frames that clients send, in hexadecimal
 --   kivgcl.server_sync   the sync id of the frames that servers send
 --   kivgcl.max_payload   the longest payload that a reader accepts, in bytes
--- The port of a stream tells which side sends which sync id. Where it does not, the first of the two
--- that is found in a direction is taken for that direction's.
+-- The port of a stream tells which side sends which sync id. Where it does not, the first of the
+-- two that is found in a direction is taken for that direction's.
 --
 -- Fields
 --   kivgcl.sender        "Client" or "Server"; "Peer" where the sync ids are the same and the port
@@ -31,8 +31,8 @@
 --   kivgcl.garbage       bytes that belong to no frame
 --   kivgcl.expert.gap, .repeat, .back, .oversized, .garbage, .start, .cut, .preferences
 --                        what is remarkable, as expert information
--- Numbering is followed in each direction by itself. The number of the first frame in a capture says
--- nothing: a client counts from 0 and goes on counting over its connections.
+-- Numbering is followed in each direction by itself. The number of the first frame in a capture
+-- says nothing: a client counts from 0 and goes on counting over its connections.
 --
 -- TCP's own preferences matter: frames over several segments need "Allow subdissector to reassemble
 -- TCP streams" (on by default), segments out of order "Reassemble out-of-order segments" (off by
@@ -92,9 +92,9 @@ local NOTHING_READ = "\0\0\0" -- what a reader counts as read before it begins t
 --   last    the last sequence number, nil before the first frame
 --   left    how many bytes were left over, for which more were wanted
 local directions = {}
--- By frame and call of the dissector: how the direction stood before, how many bytes were dealt with
--- and how many more were wanted. Wireshark dissects a frame again whenever it likes, in any order,
--- and then need not hand out more than what was dealt with.
+-- By frame and call of the dissector: how the direction stood before, how many bytes were dealt
+-- with and how many more were wanted. Wireshark dissects a frame again whenever it likes, in any
+-- order, and then need not hand out more than what was dealt with.
 local calls = {}
 
 local clients_send, servers_send -- the sync ids as four bytes, nil for a bad preference
@@ -273,10 +273,10 @@ local function show_frame(tvb, frame, pinfo, tree, state)
     tell(pinfo, text)
 end
 
--- What the first `length` bytes hold: a list of frames and garbage, how many bytes those are, and how
--- many more the next frame needs, nil where nothing is left over. As long as its length is not known,
--- another segment is asked for: Wireshark forgets a request for a few bytes that grows within one
--- segment.
+-- What the first `length` bytes hold: a list of frames and garbage, how many bytes those are, and
+-- how many more the next frame needs, nil where nothing is left over. As long as its length is not
+-- known, another segment is asked for: Wireshark forgets a request for a few bytes that grows
+-- within one segment.
 local function parse(tvb, length, may_wait, state)
     local data = tvb:raw(0, length)
     local items = {}
@@ -339,8 +339,8 @@ local function take(tvb, pinfo, state)
     local length = tvb:len()
     local before = copy(state)
     local items, done, wanted = parse(tvb, length, pinfo.can_desegment > 0, state)
-    if wanted and done <= before.left then
-        -- What would be dealt with came in earlier segments: Wireshark hands it out again.
+    if wanted and done > 0 and done <= before.left then
+        -- What would be dealt with came in earlier segments: Wireshark would hand it out again.
         items, done, wanted = {}, 0, DESEGMENT_ONE_MORE_SEGMENT
         state.sync, state.carry = before.sync, before.carry
     end
