@@ -3,6 +3,8 @@
 // "abort" it ends there with a core dump.
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <new>
 #include <string>
 #include <thread>
@@ -297,6 +299,21 @@ void makeOthers()
     client->rxSequenceNumber = 4294967295;
 }
 
+// Waits until a thread has the name: a worker takes its own when it begins to run.
+void waitForThread(const std::string& name)
+{
+    for (;;) {
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string found;
+            std::getline(std::ifstream(task.path() / "comm"), found);
+            if (found == name) {
+                return;
+            }
+        }
+        usleep(1000);
+    }
+}
+
 void makeTimers()
 {
     const auto never = std::chrono::hours(1);
@@ -305,6 +322,7 @@ void makeTimers()
     idleTimer = new CTimer(doNothing, argument, "idle", CTimer::NonCyclic);
     cyclicTimer = new CTimer(doNothing, argument, "poll", CTimer::Cyclic);
     check(cyclicTimer->start(never));
+    waitForThread("poll");
     oneShotTimer = new CTimer(doNothing, nullptr, "once", CTimer::NonCyclic);
     check(oneShotTimer->start(never));
     refusedTimer = new CTimer(doNothing, nullptr, "", CTimer::Cyclic);
