@@ -73,10 +73,7 @@ void* operator new[](size_t size)
 
 // An element of a FIFO whose size is that of no number.
 struct Sample {
-    uint32_t number;
-    uint32_t value;
-    uint16_t flags;
-    char padding[2];
+    uint16_t number, value, flags, level, count;
 };
 
 CList emptyList, threeItems, ring, laterRing, longList, tailBehind, lostNodes, brokenList,
@@ -248,8 +245,8 @@ void makeFifos()
     CFifoBuffer_Construct(&pairs, 8, 4, eTaskingModeNone);
     const uint64_t pair = 0x0102030405060708;
     CFifoBuffer_Put(&pairs, &pair);
-    CFifoBuffer_Construct(&samples, 10, 4, eTaskingModeMutex);
-    const Sample sample{1, 0xCAFE, 0x0203, {}};
+    CFifoBuffer_Construct(&samples, sizeof(Sample), 4, eTaskingModeMutex);
+    const Sample sample{1, 0xCAFE, 0x0203, 4, 5};
     CFifoBuffer_Put(&samples, &sample);
 
     CFifoBuffer_Construct(&waiting, sizeof word, 2, eTaskingModeSemaphore);
