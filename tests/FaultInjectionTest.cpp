@@ -1,5 +1,5 @@
 // The helper that fails the platform's calls must itself do what it says.
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 
 #include <gtest/gtest.h>
 
