@@ -76,8 +76,8 @@ typedef time_t Time64;
     F(deleteArray, _ZdaPv, void, (void* memory), (memory), never, 0, 0)                            \
     F(puts, puts, int, (const char* text), (text), byErrno, EOF, EIO)                              \
     F(putc, putc, int, (int character, FILE* stream), (character, stream), byErrno, EOF, EIO)      \
-    F(vsnprintf, vsnprintf, int,                                                                   \
-      (char* buffer, size_t size, const char* format, va_list values),                             \
+    F(putchar, putchar, int, (int character), (character), byErrno, EOF, EIO)                      \
+    F(vsnprintf, vsnprintf, int, (char* buffer, size_t size, const char* format, va_list values),  \
       (buffer, size, format, values), byErrno, -1, ENOMEM)                                         \
     F(openlog, openlog, void, (const char* name, int options, int facility),                       \
       (name, options, facility), never, 0, 0)                                                      \
@@ -156,8 +156,8 @@ typedef time_t Time64;
     F(setsockopt, setsockopt, int,                                                                 \
       (int fd, int level, int name, const void* value, socklen_t length),                          \
       (fd, level, name, value, length), byErrno, -1, ENOMEM)                                       \
-    F(bind, bind, int, (int fd, const sockaddr* address, socklen_t length),                        \
-      (fd, address, length), byErrno, -1, EADDRINUSE)                                              \
+    F(bind, bind, int, (int fd, const sockaddr* address, socklen_t length), (fd, address, length), \
+      byErrno, -1, EADDRINUSE)                                                                     \
     F(listen, listen, int, (int fd, int backlog), (fd, backlog), byErrno, -1, EADDRINUSE)          \
     F(accept, accept, int, (int fd, sockaddr* address, socklen_t* length), (fd, address, length),  \
       byErrno, -1, ECONNABORTED)                                                                   \
@@ -182,13 +182,12 @@ typedef time_t Time64;
       -1, ENOENT)                                                                                  \
     F(shutdown, shutdown, int, (int fd, int how), (fd, how), byErrno, -1, ENOTCONN)                \
     F(close, close, int, (int fd), (fd), byErrno, -1, EIO)                                         \
-    F(ioctl, ioctl, int, (int fd, unsigned long request, void* argument),                          \
-      (fd, request, argument), byErrno, -1, EINVAL)                                                \
+    F(ioctl, ioctl, int, (int fd, unsigned long request, void* argument), (fd, request, argument), \
+      byErrno, -1, EINVAL)                                                                         \
     F(fcntl, fcntl, int, (int fd, int command, long argument), (fd, command, argument), byErrno,   \
       -1, EINVAL)                                                                                  \
-    F(syscall, syscall, long,                                                                      \
-      (long number, long a, long b, long c, long d, long e, long f), (number, a, b, c, d, e, f),   \
-      byErrno, -1, ENOSYS)                                                                         \
+    F(syscall, syscall, long, (long number, long a, long b, long c, long d, long e, long f),       \
+      (number, a, b, c, d, e, f), byErrno, -1, ENOSYS)                                             \
     F(secure_getenv, secure_getenv, char*, (const char* variable), (variable), byErrno, 0, 0)      \
     F(dlopen, dlopen, void*, (const char* path, int flags), (path, flags), byErrno, 0, 0)          \
     F(dlclose, dlclose, int, (void* handle), (handle), byErrno, -1, 0)                             \
@@ -201,8 +200,7 @@ typedef time_t Time64;
 #define GCLTEST_TEXT_CALLS(F)                                                                      \
     F(printf, vprintf, int, (const char* format, va_list values), (format, values), byErrno, -1,   \
       EIO)                                                                                         \
-    F(snprintf, vsnprintf, int,                                                                    \
-      (char* buffer, size_t size, const char* format, va_list values),                             \
+    F(snprintf, vsnprintf, int, (char* buffer, size_t size, const char* format, va_list values),   \
       (buffer, size, format, values), byErrno, -1, ENOMEM)
 #define GCLTEST_LOG_CALLS(F)                                                                       \
     F(syslog, syslog, void, (int priority, const char* text), (priority, text), never, 0, 0)
@@ -214,7 +212,8 @@ typedef time_t Time64;
     F(calloc, calloc, void*, (size_t count, size_t size), (count, size), byErrno, 0, ENOMEM)       \
     F(realloc, realloc, void*, (void* memory, size_t size), (memory, size), byErrno, 0, ENOMEM)
 
-// Names that the functions have where the caller is compiled with 64-bit time, on 32-bit processors:
+// Names that the functions have where the caller is compiled with 64-bit time, on 32-bit
+// processors:
 //   F(name in gcltest::calls, name in GCLTEST_CALLS, symbol, result, parameters, arguments)
 // On all others they are the functions of GCLTEST_CALLS.
 #define GCLTEST_TIME64_CALLS(F)                                                                    \
