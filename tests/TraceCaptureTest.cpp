@@ -234,12 +234,12 @@ TEST(TraceCaptureMatchers, WorkInGoogleMock)
     unsigned long item = 0;
     CList_GetNext(nullptr, &item, nullptr);
     say("text", 3);
-    EXPECT_THAT(gcltest::reports(),
-                ElementsAre(AllOf(gcltest::OnChannel("KIV.GCL"), gcltest::AtLevel(1),
-                                  gcltest::InFile(EndsWith("/CList")),
-                                  gcltest::InFunction("CList_GetNext"),
-                                  gcltest::WithText(HasSubstr("pThis is NULL!"))),
-                            gcltest::Matching(gcltest::withText("text") && gcltest::atLevel(3))));
+    EXPECT_THAT(
+        gcltest::reports(),
+        ElementsAre(AllOf(gcltest::OnChannel("KIV.GCL"), gcltest::AtLevel(1),
+                          gcltest::InFile(EndsWith("/CList")), gcltest::InFunction("CList_GetNext"),
+                          gcltest::WithText(HasSubstr("pThis is NULL!"))),
+                    gcltest::Matching(gcltest::withText("text") && gcltest::atLevel(3))));
     const Report last = gcltest::takeReports().back();
     EXPECT_THAT(last, Not(gcltest::OnChannel("KIV.GCL")));
     EXPECT_THAT(last, Not(gcltest::AtLevel(1)));

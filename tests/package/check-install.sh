@@ -1,11 +1,11 @@
 #!/bin/sh
 # Installs a build, moves the installed tree, and builds and runs a C and a C++ program against it,
 # by find_package and by pkg-config.
-# Usage: check-install.sh BUILD_DIR SOURCE_DIR LIBDIR CC CXX TOOLCHAIN_FILE [EMULATOR...]
+# Usage: check-install.sh BUILD_DIR SOURCE_DIR LIBDIR CC CXX TOOLCHAIN_FILE GOOGLETEST [EMULATOR...]
 set -eu
 
-build=$1 source=$2 libdir=$3 cc=$4 cxx=$5 toolchain=$6
-shift 6
+build=$1 source=$2 libdir=$3 cc=$4 cxx=$5 toolchain=$6 googletest=$7
+shift 7
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -15,7 +15,7 @@ mv "$work/first" "$work/moved"
 tree=$work/moved
 
 # All public headers, and no private one.
-(cd "$source" && ls Framework/GCL/*.h Framework/VT/*.h) | LC_ALL=C sort >"$work/wanted"
+(cd "$source" && ls Framework/GCL/*.h Framework/GCL/testing/*.h Framework/VT/*.h) | LC_ALL=C sort >"$work/wanted"
 (cd "$tree/include/KivGCL" && find Framework -type f) | LC_ALL=C sort >"$work/installed"
 diff -u "$work/wanted" "$work/installed"
 echo "headers: all of them"
@@ -60,6 +60,21 @@ run 'find_package, C' "$work/consumer/c-consumer" "$@"
 expectations=$cxx_expectations
 run 'find_package, C++' "$work/consumer/cxx-consumer" "$@"
 
+# A user's unit test, with GoogleTest and without.
+cmake -S "$source/tests/package/unit-test" -B "$work/unit-test" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$tree" -DGOOGLETEST_DIR="$googletest" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
+    ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} >>"$work/log" || {
+    cat "$work/log"
+    exit 1
+}
+cmake --build "$work/unit-test" --target module-test >>"$work/log" || {
+    cat "$work/log"
+    exit 1
+}
+expectations='PASSED 3'
+run 'find_package, unit test' "$work/unit-test/module-test" "$@"
+
 export PKG_CONFIG_LIBDIR="$tree/$libdir/pkgconfig"
 flags=$(pkg-config --cflags --libs KivGCL VorTrace)
 # shellcheck disable=SC2086 # a list of options
@@ -70,6 +85,16 @@ expectations=$c_expectations
 run 'pkg-config, C' "$work/c" "$@"
 expectations=$cxx_expectations
 run 'pkg-config, C++' "$work/cxx" "$@"
+# shellcheck disable=SC2046
+"$cxx" -std=c++11 -Wall -Wextra -Werror -o "$work/plain" "$source/tests/package/unit-test/plain.cpp" \
+    $(pkg-config --cflags --libs KivGCLTesting)
+expectations='as it should'
+run 'pkg-config, unit test' "$work/plain" "$@"
+faults=$(pkg-config --variable=faults KivGCLTesting)
+[ -f "$faults" ] || {
+    echo "pkg-config: no preload library at '$faults'"
+    exit 1
+}
 
 # Linking the library alone must not pull in a trace framework: the program's link then fails.
 # shellcheck disable=SC2046
