@@ -308,6 +308,7 @@ Count(Call<Signature>&, Threads) -> Count<Signature>;
 #endif
 
 // The functions, by the names of the table.
+// NOLINTBEGIN(bugprone-macro-parentheses): types are no operands
 namespace calls {
 
 #define GCLTEST_DECLARE(name, symbol, result, parameters, arguments, kind, value, error)           \
@@ -328,6 +329,7 @@ GCLTEST_TIME64_CALLS(GCLTEST_DECLARE)
 #undef GCLTEST_DECLARE
 
 } // namespace calls
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Notes the arrays that this thread frees while it lives.
 class Frees {

@@ -64,7 +64,7 @@ struct Entry {
     int error;
 };
 
-Entry entries[kMostEntries];
+Entry wantedFaults[kMostEntries];
 unsigned entryCount = 0;
 const char* countPath = nullptr;
 bool everyCaller = false;
@@ -241,7 +241,7 @@ bool mustFail(RowId id, const void* returnAddress, int& error)
     }
     const unsigned number = ++row.calls;
     for (unsigned i = 0; i < entryCount; ++i) {
-        const Entry& entry = entries[i];
+        const Entry& entry = wantedFaults[i];
         if (entry.row == id && (number == entry.nth || (entry.onwards && number > entry.nth))) {
             ++row.failures;
             error = entry.error;
@@ -342,10 +342,43 @@ namespace {
 
 // ---- The settings
 
+// A text that grows without memory of the heap; append returns false where it does not fit.
+class Text {
+public:
+    bool append(const char* addition, size_t length)
+    {
+        if (length >= sizeof text - used) {
+            return false;
+        }
+        memcpy(text + used, addition, length);
+        used += length;
+        text[used] = '\0';
+        return true;
+    }
+    bool append(const char* addition) { return append(addition, strlen(addition)); }
+    bool append(unsigned number)
+    {
+        char digits[10];
+        char* const end = digits + sizeof digits;
+        char* first = end;
+        do {
+            *--first = static_cast<char>('0' + number % 10);
+            number /= 10;
+        } while (number > 0);
+        return append(first, static_cast<size_t>(end - first));
+    }
+    const char* get() const { return text; }
+    size_t size() const { return used; }
+
+private:
+    char text[4096] = "";
+    size_t used = 0;
+};
+
 // Writes to standard error, past every interposed function.
 void say(const char* text)
 {
-    static_cast<void>(!kernel(SYS_write, 2, text, strlen(text)));
+    static_cast<void>(kernel(SYS_write, 2, text, strlen(text)));
 }
 
 void complain(const char* variable, std::initializer_list<const char*> texts)
@@ -454,10 +487,11 @@ unsigned rowCalled(const char* name)
 bool takeEntry(const char* entry)
 {
     char parts[100];
-    if (strlen(entry) >= sizeof parts) {
+    const size_t size = strlen(entry) + 1;
+    if (size > sizeof parts) {
         return refuse(entry, "this is too long");
     }
-    strcpy(parts, entry);
+    memcpy(parts, entry, size);
     char* rest = parts;
     const char* const name = cut(rest, ':');
     const unsigned row = rowCalled(name);
@@ -493,7 +527,7 @@ bool takeEntry(const char* entry)
     if (entryCount == kMostEntries) {
         return refuse(entry, "there may be 64 entries at most");
     }
-    entries[entryCount++] = {row, nth, onwards, error};
+    wantedFaults[entryCount++] = {row, nth, onwards, error};
     rows[row].hasEntries = true;
     return true;
 }
@@ -522,11 +556,12 @@ bool takeCallers(const char* list)
         everyCaller = true;
         return true;
     }
-    if (strlen(list) >= sizeof callers) {
+    const size_t size = strlen(list) + 1;
+    if (size > sizeof callers) {
         complain(kCallers, {"this is too long"});
         return false;
     }
-    strcpy(callers, list);
+    memcpy(callers, list, size);
     callerCount = 0;
     for (char* rest = callers; rest != nullptr;) {
         if (*cut(rest, ',') == '\0' || callerCount == kMostCallers) {
@@ -561,7 +596,7 @@ void list()
         for (const char* const text :
              {row.name, ": ", kindInWords(row), row.usualError > 0 ? ", by default " : "",
               row.usualError > 0 ? strerrorname_np(row.usualError) : "", "\n"}) {
-            static_cast<void>(!kernel(SYS_write, 1, text, strlen(text)));
+            static_cast<void>(kernel(SYS_write, 1, text, strlen(text)));
         }
     }
 }
@@ -569,44 +604,22 @@ void list()
 // ---- The counts
 
 // The file's name, with the process's id for "%p".
-bool countFileName(char* name, size_t size)
+bool countFileName(Text& name)
 {
-    char id[12];
-    char* digit = id + sizeof id;
-    *--digit = '\0';
-    for (auto rest = static_cast<unsigned>(kernel(SYS_getpid)); rest > 0; rest /= 10) {
-        *--digit = static_cast<char>('0' + rest % 10);
-    }
+    const long process = kernel(SYS_getpid);
     const char* const place = strstr(countPath, "%p");
-    const size_t before =
-        place == nullptr ? strlen(countPath) : static_cast<size_t>(place - countPath);
-    const char* const behind = place == nullptr ? "" : place + 2;
-    if (before + strlen(id) + strlen(behind) >= size ||
-        (place == nullptr && kernel(SYS_getpid) != loader)) {
-        return false; // a child of fork leaves the file to its parent
+    if (place == nullptr) {
+        // A child of fork leaves the file to its parent.
+        return process == loader && name.append(countPath);
     }
-    memcpy(name, countPath, before);
-    strcpy(name + before, place == nullptr ? "" : digit);
-    strcat(name, behind);
-    return true;
+    return name.append(countPath, static_cast<size_t>(place - countPath)) &&
+           name.append(static_cast<unsigned>(process)) && name.append(place + 2);
 }
 
-size_t lineFor(const Row& row, char* line)
+bool lineFor(const Row& row, Text& line)
 {
-    char digits[12];
-    char* end = line + strlen(strcpy(line, row.name));
-    for (unsigned count : {row.calls.load(), row.failures.load()}) {
-        char* digit = digits + sizeof digits;
-        *--digit = '\0';
-        do {
-            *--digit = static_cast<char>('0' + count % 10);
-            count /= 10;
-        } while (count > 0);
-        *end++ = ' ';
-        end += strlen(strcpy(end, digit));
-    }
-    *end++ = '\n';
-    return static_cast<size_t>(end - line);
+    return line.append(row.name) && line.append(" ") && line.append(row.calls.load()) &&
+           line.append(" ") && line.append(row.failures.load()) && line.append("\n");
 }
 
 void writeCounts()
@@ -614,25 +627,25 @@ void writeCounts()
     if (!enabled || countPath == nullptr) {
         return;
     }
-    char name[4096];
-    if (!countFileName(name, sizeof name)) {
+    Text name;
+    if (!countFileName(name)) {
         return;
     }
     const long file =
-        kernel(SYS_openat, AT_FDCWD, name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        kernel(SYS_openat, AT_FDCWD, name.get(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     bool written = file >= 0;
     for (const Row& row : rows) {
-        char line[100];
-        if (written && row.calls > 0) {
-            const size_t length = lineFor(row, line);
-            written = kernel(SYS_write, file, line, length) == static_cast<long>(length);
+        Text line;
+        if (written && row.calls > 0 && lineFor(row, line)) {
+            written =
+                kernel(SYS_write, file, line.get(), line.size()) == static_cast<long>(line.size());
         }
     }
     if (file >= 0) {
         kernel(SYS_close, file);
     }
     if (!written) {
-        complain(kCountFile, {"cannot write '", name, "': ", strerrorname_np(errno)});
+        complain(kCountFile, {"cannot write '", name.get(), "': ", strerrorname_np(errno)});
     }
 }
 
@@ -657,9 +670,9 @@ __attribute__((constructor)) void begin(int, char**, char** environment)
         kernel(SYS_exit_group, 0);
     }
     const char* const callerList = settingOf(kCallers, environment);
-    const bool good = (faults == nullptr || *faults == '\0' || takeFaults(faults)) &
-                      (callerList == nullptr || takeCallers(callerList));
-    if (!good) {
+    const bool goodFaults = faults == nullptr || *faults == '\0' || takeFaults(faults);
+    const bool goodCallers = callerList == nullptr || takeCallers(callerList);
+    if (!goodFaults || !goodCallers) {
         kernel(SYS_exit_group, kRefused);
     }
     const char* const path = settingOf(kCountFile, environment);

@@ -46,6 +46,8 @@ inline void* findLogFunction(const char*)
 // The C library's end of a process whose buffer is too small.
 extern "C" [[noreturn]] void __chk_fail(); // NOLINT(bugprone-reserved-identifier)
 
+// Types and declarations are no operands.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define GCLTEST_STRING_OF(symbol) #symbol
 
 #define GCLTEST_DEFINE_INTERPOSER(id, symbol, result, parameters)                                  \
@@ -146,5 +148,7 @@ extern "C" [[noreturn]] void __chk_fail(); // NOLINT(bugprone-reserved-identifie
     GCLTEST_DEFINE_TIME64_INTERPOSERS                                                              \
     GCLTEST_OTHER_NAMES(GCLTEST_INTERPOSE_OTHER)                                                   \
     GCLTEST_CHECKED_CALLS(GCLTEST_INTERPOSE_CHECKED)
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 #endif // GCL_TESTING_PRIVATE_INTERPOSERS_H

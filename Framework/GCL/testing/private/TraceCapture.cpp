@@ -57,7 +57,7 @@ struct Recorder {
 
 Recorder& recorder()
 {
-    static Recorder* const instance = new Recorder;
+    static auto* const instance = new Recorder;
     return *instance;
 }
 
