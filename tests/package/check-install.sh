@@ -90,6 +90,12 @@ run 'pkg-config, C++' "$work/cxx" "$@"
     $(pkg-config --cflags --libs KivGCLTesting)
 expectations='as it should'
 run 'pkg-config, unit test' "$work/plain" "$@"
+# The recorder is the trace framework also of a program that does not name it.
+# shellcheck disable=SC2046
+"$cxx" -std=c++11 -o "$work/unnamed" "$source/tests/package/consumer/consumer.cpp" \
+    $(pkg-config --cflags --libs KivGCLTesting)
+expectations='[1]'
+run 'pkg-config, the recorder unnamed' "$work/unnamed" "$@"
 faults=$(pkg-config --variable=faults KivGCLTesting)
 [ -f "$faults" ] || {
     echo "pkg-config: no preload library at '$faults'"

@@ -454,6 +454,7 @@ int errorCalled(const char* name)
 char* cut(char*& text, char separator)
 {
     char* const part = text;
+    // cppcheck-suppress nullPointerRedundantCheck
     char* const found = strchr(text, separator);
     if (found == nullptr) {
         text = nullptr;
@@ -563,14 +564,15 @@ bool takeCallers(const char* list)
     }
     memcpy(callers, list, size);
     callerCount = 0;
-    for (char* rest = callers; rest != nullptr;) {
+    char* rest = callers;
+    do {
         if (*cut(rest, ',') == '\0' || callerCount == kMostCallers) {
             complain(kCallers,
                      {"'", list, "' is neither 'all' nor a list of up to 16 names of libraries"});
             return false;
         }
         ++callerCount;
-    }
+    } while (rest != nullptr);
     return true;
 }
 
