@@ -68,7 +68,8 @@ public:
         : symbol(symbolName), find(findBody), address(nullptr)
     {
     }
-    void* get()
+    // The thread sanitizer calls interposed functions before it can take note of any.
+    __attribute__((no_sanitize("thread"))) void* get()
     {
         void* found = address.load();
         if (found == nullptr) {
@@ -113,7 +114,7 @@ public:
     }
 
     // What the function's name stands for in this process.
-    Result operator()(Arguments... arguments)
+    __attribute__((no_sanitize("thread"))) Result operator()(Arguments... arguments)
     {
         Hook<Result(Arguments...)>* const active = hook.load();
         if (active == nullptr || !active->covers()) {
@@ -175,7 +176,7 @@ private:
         const OtherName before;
     };
 
-    static Result (*function(void* address))(Arguments...)
+    __attribute__((no_sanitize("thread"))) static Result (*function(void* address))(Arguments...)
     {
         return reinterpret_cast<Result (*)(Arguments...)>(address);
     }
