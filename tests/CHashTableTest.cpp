@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Suppression.h"
-#include "tests/support/TraceCapture.h"
 
 using gcltest::Count;
 using gcltest::expectReports;

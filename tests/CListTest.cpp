@@ -12,8 +12,8 @@
 
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/TraceChannels.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 using gcltest::Count;
 using gcltest::Failure;

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 using gcltest::Count;
 using gcltest::Failure;

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 
 namespace calls = gcltest::calls;
 

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TraceCapture.h"
 
 using gcltest::Connection;
 using gcltest::Count;

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TraceCapture.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HAS_SANITIZER 1

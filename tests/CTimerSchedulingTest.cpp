@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "Framework/GCL/CTimer.h"
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 #include "tests/support/TimerSupport.h"
 
 using gcltest::Count;

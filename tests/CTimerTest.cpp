@@ -15,7 +15,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 #include "tests/support/TimerSupport.h"
 
 using gcltest::addressOf;
@@ -535,18 +535,16 @@ TEST(CTimerLife, LeavesErrnoAlone)
 
 TEST(CTimerLife, KeepsErrnoWhereBuildingTheTextChangesIt)
 {
-    // Building the text of a long name takes much memory, beginning the message takes little.
     bool building = false;
     int errnoAtBegin = 0;
     const std::string name(300, 'n');
     const Callback callback = ignore;
+    const gcltest::BeginHook begin([&](const gcltest::Report&) { errnoAtBegin = errno; });
     Hook hook(calls::newScalar, [&](size_t size) -> void* {
         void* const memory = calls::newScalar.real(size);
         if (size >= name.size()) {
             building = true;
             errno = ENOMEM;
-        } else if (building && errnoAtBegin == 0) {
-            errnoAtBegin = errno;
         }
         return memory;
     });

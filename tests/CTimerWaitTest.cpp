@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Framework/GCL/CTimer.h"
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 #include "tests/support/TimerSupport.h"
 
 using gcltest::eventually;

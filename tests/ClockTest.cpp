@@ -6,7 +6,7 @@
 #include <ctime>
 #include <vector>
 
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 
 using gcltest::Hook;
 using gcltest::Timespec64;

@@ -21,9 +21,9 @@
 #include <utility>
 #include <vector>
 
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "Framework/VT/VorTrace.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
 
 using gcltest::Count;
 using gcltest::Failure;

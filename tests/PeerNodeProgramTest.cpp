@@ -16,10 +16,11 @@
 #include <vector>
 
 #include "Framework/GCL/HijackApi.h"
+#include "Framework/GCL/testing/PeerNode.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "Framework/VT/VorTrace.h"
-#include "examples/peernode/PeerNode.h"
-#include "tests/support/TraceCapture.h"
 
+using gcltest::PeerNode;
 using gcltest::takeReports;
 using Util::HijackApi;
 
@@ -155,8 +156,8 @@ private:
 // A connected client of a program.
 class Client {
 public:
-    explicit Client(uint16_t port, unsigned txSyncId = peernode::Options().rxSyncId,
-                    unsigned rxSyncId = peernode::Options().txSyncId)
+    explicit Client(uint16_t port, unsigned txSyncId = PeerNode::Options().rxSyncId,
+                    unsigned rxSyncId = PeerNode::Options().txSyncId)
         : trace("KIV.NODE", VorTraceLevel2), api(trace, port, 600'000, txSyncId, rxSyncId)
     {
         EXPECT_TRUE(api.connectToServer("127.0.0.1"));
@@ -268,7 +269,7 @@ TEST(PeerNodeProgram, RefusesBadUsage)
 
 TEST(PeerNodeProgram, FailsWhereThePortIsTaken)
 {
-    peernode::PeerNode first{peernode::Options()};
+    PeerNode first{PeerNode::Options()};
     const std::string port = std::to_string(first.start());
     Program program({"--port", port});
     EXPECT_EQ(
@@ -379,7 +380,7 @@ TEST(PeerNodeProgram, HandsItsOptionsToTheNode)
                               0x11223344, 0xAABBCCDD),
               (std::vector<uint32_t>{7, 9, 10, 12}));
     EXPECT_EQ(sequenceNumbers({"--repeat-every=2", "--stall-every=1", "--stall-ms=1"},
-                              peernode::Options().rxSyncId, peernode::Options().txSyncId),
+                              PeerNode::Options().rxSyncId, PeerNode::Options().txSyncId),
               (std::vector<uint32_t>{1, 1, 2, 2}));
     takeReports();
 

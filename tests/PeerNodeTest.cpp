@@ -1,5 +1,5 @@
 // The framed message client against a peer node in the same process.
-#include "examples/peernode/PeerNode.h"
+#include "Framework/GCL/testing/PeerNode.h"
 
 #include <gtest/gtest.h>
 
@@ -22,15 +22,15 @@
 #include <vector>
 
 #include "Framework/GCL/HijackApi.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "Framework/VT/VorTrace.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
 
+using gcltest::PeerNode;
 using gcltest::Report;
 using gcltest::takeReports;
-using peernode::Options;
-using peernode::PeerNode;
 using Util::HijackApi;
+using Options = PeerNode::Options;
 
 namespace {
 
@@ -439,7 +439,7 @@ TEST(PeerNodePrint, WritesALineForEachFrame)
 {
     std::ostringstream output;
     Options options;
-    options.mode = peernode::Mode::print;
+    options.mode = PeerNode::Mode::print;
     options.output = &output;
     options.once = true;
     {
@@ -465,7 +465,7 @@ TEST(PeerNodePrint, EndsWhereALineIsLost)
     std::ostringstream output;
     output.setstate(std::ios_base::badbit);
     Options options;
-    options.mode = peernode::Mode::print;
+    options.mode = PeerNode::Mode::print;
     options.output = &output;
     Session session(options);
     session.send("lost");
@@ -510,7 +510,7 @@ TEST(PeerNodeLife, StopsInTheMiddleOfAFrameThatIsTakenAtOnce)
 {
     Options options;
     options.byteByByte = true;
-    options.maxPayload = peernode::kMaxPayload;
+    options.maxPayload = PeerNode::kMaxPayload;
     Session session(options);
     // The client reads all the time, so that the node always finds room.
     std::thread reader([fd = session.api.socketFd] {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Framework/GCL/CHyxTraceHandler.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 using gcltest::Report;
 using gcltest::takeCalls;

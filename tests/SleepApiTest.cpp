@@ -15,7 +15,7 @@
 
 #include "Framework/GCL/DefaultSleepApi.h"
 #include "Framework/GCL/SimulatedSleeper.h"
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 
 using gcltest::Hook;
 using Util::DefaultSleepApi;

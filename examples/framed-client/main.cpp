@@ -9,12 +9,12 @@
 #include <cstdlib>
 
 #include "Framework/GCL/HijackApi.h"
+#include "Framework/GCL/testing/PeerNode.h"
 #include "Framework/VT/VorTrace.h"
-#include "examples/peernode/PeerNode.h"
 
 namespace {
 
-const peernode::Options kNode; // its sync ids are the client's, the other way round
+const gcltest::PeerNode::Options kNode; // its sync ids are the client's, the other way round
 constexpr unsigned kMaxSyncWaitMs = 1000;
 
 // [owner]
@@ -82,7 +82,7 @@ int main()
 {
     std::signal(SIGPIPE, SIG_IGN); // a node that has gone must not end this process
     VorTrace trace("KIV.LINK", VorTraceLevel3);
-    peernode::PeerNode node(kNode);
+    gcltest::PeerNode node(kNode);
     Link link(trace, node.start());
 
     if (!link.connect() || !exchangeOne(link, 7) || !exchangeOne(link, 8)) {

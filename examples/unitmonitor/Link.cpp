@@ -8,7 +8,7 @@ namespace unitmonitor {
 namespace {
 
 constexpr unsigned kMaxSyncWaitMs = 1000;
-const peernode::Options kPeerOptions;
+const gcltest::PeerNode::Options kPeerOptions;
 
 } // namespace
 

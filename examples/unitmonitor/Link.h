@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "Framework/GCL/HijackApi.h"
+#include "Framework/GCL/testing/PeerNode.h"
 #include "Framework/VT/VorTrace.h"
-#include "examples/peernode/PeerNode.h"
 #include "examples/unitmonitor/Sample.h"
 
 namespace unitmonitor {
@@ -28,7 +28,7 @@ public:
     uint32_t exchanged() const { return count; }
 
 private:
-    peernode::PeerNode peer;
+    gcltest::PeerNode peer;
     VorTrace trace{"KIV.MONITOR", VorTraceLevel3};
     Util::HijackApi client;
     bool connected;

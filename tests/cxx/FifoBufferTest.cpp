@@ -14,8 +14,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 using gcl::FifoBuffer;
 using gcltest::Count;

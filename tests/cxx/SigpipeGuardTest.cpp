@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
@@ -15,30 +14,14 @@
 #include <type_traits>
 
 #include "Framework/GCL/cxx/TcpSocket.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TraceCapture.h"
 
 using gcl::SigpipeGuard;
+using gcltest::Fault;
 using gcltest::OwnedFd;
-
-namespace {
-
-int failures = 0; // so many calls of sigtimedwait fail
-int failure = 0;  // with this errno
-
-} // namespace
-
-extern "C" int sigtimedwait(const sigset_t* set, siginfo_t* info, const timespec* limit)
-{
-    if (failures > 0) {
-        --failures;
-        errno = failure;
-        return -1;
-    }
-    using Function = int (*)(const sigset_t*, siginfo_t*, const timespec*);
-    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "sigtimedwait"));
-    return real(set, info, limit);
-}
+namespace calls = gcltest::calls;
 
 namespace {
 
@@ -248,30 +231,28 @@ TEST_F(SigpipeGuardTest, KeepsErrnoAndTheRestOfTheMask)
 
 TEST_F(SigpipeGuardTest, TakesTheSignalOffThroughOtherSignals)
 {
+    const Fault fault(calls::sigtimedwait, calls::sigtimedwait.failure(EINTR, 1, 3));
     {
         const SigpipeGuard guard;
         writeToNobody();
-        failures = 3;
-        failure = EINTR;
         errno = EPIPE;
     }
     EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(fault.failures(), 3u);
     EXPECT_FALSE(isPending());
     EXPECT_EQ(received, 0);
 }
 
 TEST_F(SigpipeGuardTest, DoesNotWaitForASignalThatAnotherThreadTook)
 {
+    const Fault fault(calls::sigtimedwait, calls::sigtimedwait.failure(EAGAIN, 1, 1));
     {
         const SigpipeGuard guard;
         writeToNobody();
-        failures = 1;
-        failure = EAGAIN;
         errno = EPIPE;
     }
     EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(fault.failures(), 1u);
     EXPECT_EQ(received, 1) << "it was there after all";
 }
 

@@ -7,8 +7,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 using gcl::Stack;
 using gcltest::Fault;

@@ -15,9 +15,9 @@
 #include <type_traits>
 #include <vector>
 
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TraceCapture.h"
 
 using gcl::TcpSocket;
 using gcltest::Connection;

@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TraceCapture.h"
 
 using gcltest::OwnedFd;
 using gcltest::Report;

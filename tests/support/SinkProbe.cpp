@@ -25,9 +25,9 @@
 #include <vector>
 
 #include "Framework/GCL/CList.h"
+#include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/VT/VT.h"
 #include "Framework/VT/VorTrace.h"
-#include "tests/support/FaultInjection.h"
 
 using gcltest::Count;
 using gcltest::Failure;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Framework/GCL/TraceChannels.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 namespace gcltest {
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "Framework/GCL/CTimer.h"
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 namespace gcltest {
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/TraceCapture.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 
 namespace {
 

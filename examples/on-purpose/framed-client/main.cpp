@@ -10,12 +10,12 @@
 
 #include "Framework/GCL/CTimer.h"
 #include "Framework/GCL/HijackApi.h"
+#include "Framework/GCL/testing/PeerNode.h"
 #include "Framework/VT/VorTrace.h"
-#include "examples/peernode/PeerNode.h"
 
 namespace {
 
-const peernode::Options kNode;
+const gcltest::PeerNode::Options kNode;
 
 // [abort]
 // Makes a call of readFromNet return that waits for a peer, or that reads on for good because the
@@ -47,7 +47,7 @@ bool showClosedPeer(VorTrace& trace)
 {
     unsigned char frame[] = {1};
     unsigned length = 0;
-    peernode::PeerNode node(kNode);
+    gcltest::PeerNode node(kNode);
     Util::HijackApi client(trace, node.start(), 1000, kNode.rxSyncId, kNode.txSyncId);
     if (!client.connectToServer("127.0.0.1") || !client.writeToNet(frame, 1, nullptr) ||
         !readWithin(std::chrono::seconds(10), client, frame, sizeof frame, length)) {
@@ -68,7 +68,7 @@ bool showClosedPeer(VorTrace& trace)
 // Exchanges a frame with a node of its own that has just been started.
 bool exchangeWithNewNode(Util::HijackApi& client)
 {
-    peernode::PeerNode node(kNode);
+    gcltest::PeerNode node(kNode);
     client.serverAddress.sin_port = htons(node.start());
     unsigned char frame[] = {1};
     unsigned length = 0;

@@ -15,9 +15,9 @@
 #include "Framework/GCL/cxx/SigpipeGuard.h"
 #include "Framework/GCL/cxx/Stack.h"
 #include "Framework/GCL/cxx/TcpSocket.h"
-#include "tests/support/FaultInjection.h"
+#include "Framework/GCL/testing/FaultInjection.h"
+#include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TraceCapture.h"
 
 namespace calls = gcltest::calls;
 

@@ -1,4 +1,4 @@
-#include "examples/peernode/PeerNode.h"
+#include "Framework/GCL/testing/PeerNode.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -17,7 +17,7 @@
 #include <system_error>
 #include <utility>
 
-namespace peernode {
+namespace gcltest {
 namespace {
 
 constexpr size_t kHeaderBytes = 12;
@@ -392,4 +392,4 @@ bool PeerNode::print(uint32_t sequenceNumber, const std::string& payload) const
     return static_cast<bool>(*options.output << line << std::flush);
 }
 
-} // namespace peernode
+} // namespace gcltest

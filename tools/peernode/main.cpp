@@ -9,7 +9,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "examples/peernode/PeerNode.h"
+#include "Framework/GCL/testing/PeerNode.h"
+
+using gcltest::PeerNode;
 
 namespace {
 
@@ -121,14 +123,14 @@ uint32_t number(const std::string& name, int base, uint32_t limit)
     return static_cast<uint32_t>(value);
 }
 
-peernode::Mode mode()
+PeerNode::Mode mode()
 {
     const std::string text = optarg;
     if (text == "echo") {
-        return peernode::Mode::echo;
+        return PeerNode::Mode::echo;
     }
     if (text == "print") {
-        return peernode::Mode::print;
+        return PeerNode::Mode::print;
     }
     throw BadUsage("--mode: '" + text + "' is neither 'echo' nor 'print'");
 }
@@ -142,9 +144,9 @@ void print(const std::string& text)
 }
 
 // Ends the program where an option asks for it.
-peernode::Options parse(int argc, char** argv)
+PeerNode::Options parse(int argc, char** argv)
 {
-    peernode::Options options;
+    PeerNode::Options options;
     int index = 0;
     for (int found; (found = getopt_long(argc, argv, "", kOptions, &index)) != -1;) {
         const auto decimal = [&index](uint32_t limit = UINT32_MAX) {
@@ -174,7 +176,7 @@ peernode::Options parse(int argc, char** argv)
             options.once = true;
             break;
         case kMaxPayloadOption:
-            options.maxPayload = decimal(peernode::kMaxPayload);
+            options.maxPayload = decimal(PeerNode::kMaxPayload);
             break;
         case kIdleTimeout:
             options.idleTimeoutMs = decimal(INT32_MAX);
@@ -219,7 +221,7 @@ peernode::Options parse(int argc, char** argv)
     return options;
 }
 
-peernode::PeerNode* runningNode = nullptr; // for the signal handler
+PeerNode* runningNode = nullptr; // for the signal handler
 
 void endNode(int)
 {
@@ -232,7 +234,7 @@ void endNode(int)
 // While it exists, signals end the node. It goes before the node does, however that comes about.
 class EndOnSignal {
 public:
-    explicit EndOnSignal(peernode::PeerNode& node)
+    explicit EndOnSignal(PeerNode& node)
     {
         runningNode = &node;
         std::signal(SIGINT, endNode);
@@ -247,10 +249,10 @@ public:
     EndOnSignal& operator=(const EndOnSignal&) = delete;
 };
 
-void run(peernode::Options options)
+void run(PeerNode::Options options)
 {
     options.output = &std::cout;
-    peernode::PeerNode node(options);
+    PeerNode node(options);
     // Output that nobody reads any more is a failure to be told, not an end without a word.
     std::signal(SIGPIPE, SIG_IGN);
     const EndOnSignal endOnSignal(node);

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "Framework/GCL/SimulatedSleeper.h"
+#include "Framework/GCL/testing/PeerNode.h"
 #include "Framework/VT/VorTrace.h"
 #include "Heartbeat.h"
-#include "examples/peernode/PeerNode.h"
 
 namespace {
 
@@ -21,24 +21,24 @@ void expect(bool condition, const char* what)
     failures += condition ? 0 : 1;
 }
 
-const peernode::Options kNode;
+const gcltest::PeerNode::Options kNode;
 
 // A node and a heartbeat that knows its port, on a trace object that shows failures and warnings.
 struct Bench {
-    explicit Bench(const peernode::Options& options)
+    explicit Bench(const gcltest::PeerNode::Options& options)
         : node(options), heart(trace, node.start(), options.rxSyncId, options.txSyncId)
     {
     }
 
     VorTrace trace{"KIV.HEART", VorTraceLevel2};
-    peernode::PeerNode node;
+    gcltest::PeerNode node;
     Heartbeat heart;
 };
 
 // [sleeper]
 void givesUpAfterThreePauses()
 {
-    const uint16_t port = peernode::PeerNode(kNode).start(); // the node goes again at once
+    const uint16_t port = gcltest::PeerNode(kNode).start(); // the node goes again at once
     VorTrace trace("KIV.HEART", VorTraceLevel2);
     Heartbeat heart(trace, port, kNode.rxSyncId, kNode.txSyncId);
     Util::SimulatedSleeper sleeper;
@@ -52,7 +52,7 @@ void givesUpAfterThreePauses()
 // [node]
 void livesWithGarbageOnTheLine()
 {
-    peernode::Options options;
+    gcltest::PeerNode::Options options;
     options.garbageEvery = 1; // before every frame
     options.byteByByte = true;
     Bench bench(options);
@@ -63,7 +63,7 @@ void livesWithGarbageOnTheLine()
 
 void refusesAFrameThatIsTooLong()
 {
-    peernode::Options options;
+    gcltest::PeerNode::Options options;
     options.oversizeEvery = 2; // the second frame announces 4294967295 bytes
     Bench bench(options);
 
