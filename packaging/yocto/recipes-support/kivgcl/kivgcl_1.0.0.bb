@@ -40,4 +40,5 @@ do_install_ptest() {
 
 PACKAGES =+ "libvortrace ${PN}-tools"
 FILES:libvortrace = "${libdir}/libVorTrace.so.*"
-FILES:${PN}-tools = "${bindir}"
+FILES:${PN}-tools = "${bindir} ${datadir}/wireshark ${libdir}/wireshark"
+FILES:${PN}-dev += "${datadir}/gdb ${libdir}/kivgcl"
