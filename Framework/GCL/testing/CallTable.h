@@ -130,6 +130,7 @@ typedef time_t Time64;
     F(raise, raise, int, (int signal), (signal), byErrno, -1, EINVAL)                              \
     F(sigemptyset, sigemptyset, int, (sigset_t * set), (set), byErrno, -1, EINVAL)                 \
     F(sigaddset, sigaddset, int, (sigset_t * set, int signal), (set, signal), byErrno, -1, EINVAL) \
+    F(sigdelset, sigdelset, int, (sigset_t * set, int signal), (set, signal), byErrno, -1, EINVAL) \
     F(sigismember, sigismember, int, (const sigset_t* set, int signal), (set, signal), byErrno,    \
       -1, EINVAL)                                                                                  \
     F(sigpending, sigpending, int, (sigset_t * set), (set), byErrno, -1, EFAULT)                   \
