@@ -218,7 +218,7 @@ TEST_P(CTcpSocketClose, ReportsTheQueueOnlyWhenItChanges)
     drain.query = queue({9, 9, 9, 4, 4, 9});
     drain.sleepNs = 2500000;
     EXPECT_EQ(drain.close(), whereAdmitted({bytesLeft(9), bytesLeft(4), bytesLeft(9), bytesLeft(0),
-                                      completed(6, 15, 77)}));
+                                            completed(6, 15, 77)}));
     EXPECT_EQ(drain.steps, "s" + repeated("in", 6) + "ic");
 }
 
@@ -229,8 +229,8 @@ TEST_P(CTcpSocketClose, TakesAFailedQueryForAnEmptyQueue)
         errno = ENOTTY;
         return -1;
     };
-    EXPECT_EQ(drain.close(), whereAdmitted({drainReport("ioctl returned error", 0x100), bytesLeft(0),
-                                      completed(0, 0, 77)}));
+    EXPECT_EQ(drain.close(), whereAdmitted({drainReport("ioctl returned error", 0x100),
+                                            bytesLeft(0), completed(0, 0, 77)}));
 }
 
 TEST_P(CTcpSocketClose, SetsTheQueueToZeroBeforeAQueryThatFails)
@@ -244,8 +244,9 @@ TEST_P(CTcpSocketClose, SetsTheQueueToZeroBeforeAQueryThatFails)
         }
         return 0;
     };
-    EXPECT_EQ(drain.close(), whereAdmitted({bytesLeft(5), drainReport("ioctl returned error", 0x100),
-                                      bytesLeft(0), completed(1, 0, 77)}));
+    EXPECT_EQ(drain.close(),
+              whereAdmitted({bytesLeft(5), drainReport("ioctl returned error", 0x100), bytesLeft(0),
+                             completed(1, 0, 77)}));
 }
 
 TEST_P(CTcpSocketClose, GoesOnWithWhatAFailedQueryLeft)
@@ -258,8 +259,8 @@ TEST_P(CTcpSocketClose, GoesOnWithWhatAFailedQueryLeft)
         }
         return 0;
     };
-    EXPECT_EQ(drain.close(), whereAdmitted({drainReport("ioctl returned error", 0x100), bytesLeft(6),
-                                      bytesLeft(0), completed(1, 0, 77)}));
+    EXPECT_EQ(drain.close(), whereAdmitted({drainReport("ioctl returned error", 0x100),
+                                            bytesLeft(6), bytesLeft(0), completed(1, 0, 77)}));
 }
 
 TEST_P(CTcpSocketClose, CarriesOnAfterASleepThatFails)

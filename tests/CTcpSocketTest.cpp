@@ -525,7 +525,7 @@ TEST_P(CTcpSocketCreate, ClosesEachSocketThatDoesNotConnect)
         EXPECT_TRUE(handed.isUntouched());
         EXPECT_EQ(journal.lines(),
                   journalOf({"socket s1", "connect s1", "close s1", "free",
-                         "report CTcpSocket_Create: Client failed to connect 0x800b"}));
+                             "report CTcpSocket_Create: Client failed to connect 0x800b"}));
     }
 }
 
@@ -546,7 +546,8 @@ TEST_P(CTcpSocketCreate, LeaksNothingWhenTheAllocationThrows)
     journal.fail("new");
     EXPECT_THROW(CTcpSocket_Create(&handed, "127.0.0.1", listener.port, 1), std::bad_alloc);
     EXPECT_TRUE(handed.isUntouched());
-    EXPECT_EQ(journal.lines(), journalOf({"socket s1", "connect s1", "free", "new 16", "close s1"}));
+    EXPECT_EQ(journal.lines(),
+              journalOf({"socket s1", "connect s1", "free", "new 16", "close s1"}));
 }
 
 TEST_P(CTcpSocketWaitForConnection, ReportsANullResultPointer)
@@ -603,7 +604,7 @@ TEST_P(CTcpSocketWaitForConnection, HandsOverBeforeItEndsTheListeningSocket)
 {
     EXPECT_EQ(serve([](Journal&) {}, GCL_OK),
               journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                     "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
+                         "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
 }
 
 TEST_P(CTcpSocketWaitForConnection, LeaksNothingWhenTheAllocationThrows)
@@ -624,60 +625,64 @@ TEST_P(CTcpSocketWaitForConnection, GoesOnAfterASocketThatFails)
 {
     EXPECT_EQ(serve([](Journal& journal) { journal.fail("socket", {1}); }, GCL_OK),
               journalOf({"socket failed", kServer + "Socket closed 0x800a", "socket s1",
-                     "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20", "accept s1 32",
-                     "new 16", "shutdown s1 2", "close s1"}));
+                         "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                         "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
 }
 
 TEST_P(CTcpSocketWaitForConnection, EndsWhereNoSocketCanBeMade)
 {
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("socket"); }, 0x800A),
-              journalOf({"socket failed", kServer + "Socket closed 0x800a", "socket failed",
-                     kServer + "Socket closed 0x800a", "free", kServer + "Failed to bind 0x800a"}));
+    EXPECT_EQ(
+        serve([](Journal& journal) { journal.fail("socket"); }, 0x800A),
+        journalOf({"socket failed", kServer + "Socket closed 0x800a", "socket failed",
+                   kServer + "Socket closed 0x800a", "free", kServer + "Failed to bind 0x800a"}));
 }
 
 TEST_P(CTcpSocketWaitForConnection, EndsAtAnOptionThatFails)
 {
     for (const int error : kPassing) {
-        EXPECT_EQ(
-            serve(
-                [error](Journal& journal) {
-                    journal.fail("setsockopt", {1, 1, error});
-                },
-                0x800A),
-            journalOf({"socket s1", "setsockopt s1 " + kReuse, kServer + "setsockopt() failed 0x800a",
-                   "shutdown s1 2", "close s1", "free"}));
+        EXPECT_EQ(serve(
+                      [error](Journal& journal) {
+                          journal.fail("setsockopt", {1, 1, error});
+                      },
+                      0x800A),
+                  journalOf({"socket s1", "setsockopt s1 " + kReuse,
+                             kServer + "setsockopt() failed 0x800a", "shutdown s1 2", "close s1",
+                             "free"}));
     }
 }
 
 TEST_P(CTcpSocketWaitForConnection, GoesOnAfterABindThatFails)
 {
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("bind", {1}); }, GCL_OK),
-              journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
-                     "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
-                     "setsockopt s2 " + kReuse, "bind s2", "free", "listen s2 20", "accept s2 32",
-                     "new 16", "shutdown s2 2", "close s2"}));
+    EXPECT_EQ(
+        serve([](Journal& journal) { journal.fail("bind", {1}); }, GCL_OK),
+        journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
+                   "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
+                   "setsockopt s2 " + kReuse, "bind s2", "free", "listen s2 20", "accept s2 32",
+                   "new 16", "shutdown s2 2", "close s2"}));
 }
 
 TEST_P(CTcpSocketWaitForConnection, EndsWhereNothingCanBeBound)
 {
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("bind"); }, 0x800A),
-              journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
-                     "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
-                     "setsockopt s2 " + kReuse, "bind s2", "perror Error " + kError,
-                     "shutdown s2 2", "close s2", kServer + "bind() failed 0x800a", "free",
-                     kServer + "Failed to bind 0x800a"}));
+    EXPECT_EQ(
+        serve([](Journal& journal) { journal.fail("bind"); }, 0x800A),
+        journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
+                   "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
+                   "setsockopt s2 " + kReuse, "bind s2", "perror Error " + kError, "shutdown s2 2",
+                   "close s2", kServer + "bind() failed 0x800a", "free",
+                   kServer + "Failed to bind 0x800a"}));
 }
 
 TEST_P(CTcpSocketWaitForConnection, EndsAtAListenThatFails)
 {
     for (const int error : kPassing) {
-        EXPECT_EQ(serve(
-                      [error](Journal& journal) {
-                          journal.fail("listen", {1, 1, error});
-                      },
-                      0x800A),
-                  journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                         kServer + "listen() failed 0x800a", "shutdown s1 2", "close s1"}));
+        EXPECT_EQ(
+            serve(
+                [error](Journal& journal) {
+                    journal.fail("listen", {1, 1, error});
+                },
+                0x800A),
+            journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                       kServer + "listen() failed 0x800a", "shutdown s1 2", "close s1"}));
     }
 }
 
@@ -689,9 +694,9 @@ TEST_P(CTcpSocketWaitForConnection, EndsAtAnAcceptThatFails)
                           journal.fail("accept", {1, 1, error});
                       },
                       0x800A),
-                  journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                         "accept s1 32", kServer + "accept() failed 0x800a", "shutdown s1 2",
-                         "close s1"}));
+                  journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free",
+                             "listen s1 20", "accept s1 32", kServer + "accept() failed 0x800a",
+                             "shutdown s1 2", "close s1"}));
     }
 }
 
