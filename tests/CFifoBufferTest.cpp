@@ -21,6 +21,7 @@
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/GCL/testing/TraceCapture.h"
+#include "tests/support/SignalJump.h"
 #include "tests/support/Suppression.h"
 
 using gcltest::Count;
@@ -691,6 +692,15 @@ TEST(CFifoBufferNoSlotsDeathTest, DividesByZeroInModeMutexBeforeAnythingIsCopied
             },
             testing::KilledBySignal(SIGFPE), "");
     }
+}
+
+TEST(CFifoBufferNoSlots, KeepsItsMutexWhereAHandlerLeavesTheDivision)
+{
+    WordFifo fifo(0, eTaskingModeMutex);
+    EXPECT_TRUE(gcltest::raises(SIGFPE, [&] { CFifoBuffer_Put(&fifo, nullptr); }));
+    EXPECT_EQ(pthread_mutex_trylock(&fifo->fifoMutex), EBUSY);
+    EXPECT_EQ(pthread_mutex_unlock(&fifo->fifoMutex), 0);
+    expectSilence();
 }
 
 TEST(CFifoBufferNone, TakesNoLock)

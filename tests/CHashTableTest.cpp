@@ -19,6 +19,7 @@
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/GCL/testing/TraceCapture.h"
+#include "tests/support/SignalJump.h"
 #include "tests/support/Suppression.h"
 
 using gcltest::Count;
@@ -703,6 +704,18 @@ TEST(CHashTableNoBuckets, CanBeCountedListedAndDestructed)
     OwnedTable table(0);
     EXPECT_EQ(CHashTable_Count(&table), 0u);
     EXPECT_EQ(takeValues(table.table), Values{});
+    expectSilence();
+}
+
+TEST(CHashTableNoBuckets, CanBeUsedOnWhereAHandlerLeavesTheDivision)
+{
+    OwnedTable table(0);
+    EXPECT_TRUE(gcltest::raises(SIGFPE, [&] { CHashTable_Set(&table, "a", 1); }));
+    // Ignored, it ends the process all the same.
+    const auto before = std::signal(SIGFPE, SIG_IGN);
+    EXPECT_TRUE(gcltest::raises(SIGABRT, [&] { CHashTable_Exists(&table, "a"); }));
+    std::signal(SIGFPE, before);
+    EXPECT_EQ(CHashTable_Count(&table), 0u);
     expectSilence();
 }
 

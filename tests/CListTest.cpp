@@ -8,6 +8,7 @@
 #include <deque>
 #include <new>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
@@ -587,6 +588,10 @@ TEST(CListInsertAt, ClosesARingAtIndexZeroThatRemoveRefuses)
                       "CList", "CList_Remove",
                       "CList_Remove: invalid argument. A cycle was detected in pThis! ", 0x8008)}));
     }
+    const int32_t threshold = std::exchange(GCL_trace.threshold, 0);
+    EXPECT_EQ(CList_Remove(&list, 4), 0x8008u);
+    GCL_trace.threshold = threshold;
+    expectSilence();
     EXPECT_EQ(list->uiSize, 4u);
     EXPECT_EQ(head->pNext, added);
     EXPECT_EQ(added->pNext, head);

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <functional>
@@ -20,10 +21,12 @@
 #include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
+#include "tests/support/Suppression.h"
 
 using gcltest::Connection;
 using gcltest::connectTo;
 using gcltest::Count;
+using gcltest::expectReports;
 using gcltest::Failure;
 using gcltest::Fault;
 using gcltest::freePort;
@@ -42,11 +45,6 @@ using Lines = std::vector<std::string>;
 Report report(const std::string& function, const std::string& text, uint32_t code)
 {
     return gcltest::gclReport("CTcpSocket", function, text, code);
-}
-
-void expectReports(const std::vector<Report>& expected)
-{
-    EXPECT_EQ(takeReports(), expected);
 }
 
 // An object as a caller holds it: what the call stored, freed in the array form.
@@ -276,6 +274,17 @@ const std::string kReuse = std::to_string(SOL_SOCKET) + " " + std::to_string(SO_
 const std::string kError = std::to_string(ENOBUFS);
 const std::string kServer = "report CTcpSocket_WaitForConnection: ";
 
+// What a journal must hold: the reports among the lines only where they are admitted.
+Lines journalOf(Lines lines)
+{
+    if (GCL_trace.threshold <= 0) {
+        lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                   [](const std::string& line) { return line[0] == 'r'; }),
+                    lines.end());
+    }
+    return lines;
+}
+
 // The journal of a call of WaitForConnection with two addresses and the given failures.
 Lines serve(const std::function<void(Journal&)>& prepare, uint32_t expectedCode)
 {
@@ -298,6 +307,17 @@ Lines serve(const std::function<void(Journal&)>& prepare, uint32_t expectedCode)
     EXPECT_EQ(handed.isUntouched(), expectedCode != GCL_OK);
     return journal.lines();
 }
+
+// Suites with failures.
+class CTcpSocketGetSocketHandle : public gcltest::ReportsOrNot {};
+class CTcpSocketCreate : public gcltest::ReportsOrNot {};
+class CTcpSocketWaitForConnection : public gcltest::ReportsOrNot {};
+class CTcpSocketSetTimeout : public gcltest::ReportsOrNot {};
+
+GCLTEST_WITH_AND_WITHOUT_REPORTS(CTcpSocketGetSocketHandle);
+GCLTEST_WITH_AND_WITHOUT_REPORTS(CTcpSocketCreate);
+GCLTEST_WITH_AND_WITHOUT_REPORTS(CTcpSocketWaitForConnection);
+GCLTEST_WITH_AND_WITHOUT_REPORTS(CTcpSocketSetTimeout);
 
 } // namespace
 
@@ -327,7 +347,7 @@ TEST(CTcpSocketConstruct, AcceptsNull)
     expectReports({});
 }
 
-TEST(CTcpSocketGetSocketHandle, ReturnsTheDescriptorOrMinusOne)
+TEST_P(CTcpSocketGetSocketHandle, ReturnsTheDescriptorOrMinusOne)
 {
     CTcpSocket socket{42, 0, 0, 0};
     EXPECT_EQ(CTcpSocket_GetSocketHandle(&socket), 42);
@@ -336,13 +356,13 @@ TEST(CTcpSocketGetSocketHandle, ReturnsTheDescriptorOrMinusOne)
     expectReports({});
 }
 
-TEST(CTcpSocketGetSocketHandle, ReportsNull)
+TEST_P(CTcpSocketGetSocketHandle, ReportsNull)
 {
     EXPECT_EQ(CTcpSocket_GetSocketHandle(nullptr), -1);
     expectReports({report("CTcpSocket_GetSocketHandle", "Invalid object", 0x8008)});
 }
 
-TEST(CTcpSocketCreate, ReportsANullResultPointer)
+TEST_P(CTcpSocketCreate, ReportsANullResultPointer)
 {
     const Count resolved(calls::getaddrinfo);
     EXPECT_EQ(CTcpSocket_Create(nullptr, "127.0.0.1", 1, 1), 0x8008u);
@@ -350,7 +370,7 @@ TEST(CTcpSocketCreate, ReportsANullResultPointer)
     EXPECT_EQ(resolved.calls(), 0u);
 }
 
-TEST(CTcpSocketCreate, ConnectsToAnIpv4Server)
+TEST_P(CTcpSocketCreate, ConnectsToAnIpv4Server)
 {
     const Listener listener;
     const Count options(calls::setsockopt);
@@ -374,7 +394,7 @@ TEST(CTcpSocketCreate, ConnectsToAnIpv4Server)
     expectReports({});
 }
 
-TEST(CTcpSocketCreate, ConnectsToAnIpv6Server)
+TEST_P(CTcpSocketCreate, ConnectsToAnIpv6Server)
 {
     if (!gcltest::hostHasIpv6()) {
         GTEST_SKIP() << "this host has no IPv6 loopback address";
@@ -387,7 +407,7 @@ TEST(CTcpSocketCreate, ConnectsToAnIpv6Server)
     expectReports({});
 }
 
-TEST(CTcpSocketCreate, ConnectsByName)
+TEST_P(CTcpSocketCreate, ConnectsByName)
 {
     const Listener listener;
     Handed handed;
@@ -395,7 +415,7 @@ TEST(CTcpSocketCreate, ConnectsByName)
     expectReports({});
 }
 
-TEST(CTcpSocketCreate, AsksForStreamsOfAnyFamily)
+TEST_P(CTcpSocketCreate, AsksForStreamsOfAnyFamily)
 {
     ScriptedAddresses addresses({}, -2);
     Handed handed;
@@ -415,7 +435,7 @@ TEST(CTcpSocketCreate, AsksForStreamsOfAnyFamily)
                           "Failed to connect to 'radio.example' at port '-2147483648'", 0x800A)});
 }
 
-TEST(CTcpSocketCreate, ReportsAHostThatIsNoAddress)
+TEST_P(CTcpSocketCreate, ReportsAHostThatIsNoAddress)
 {
     const Count freed(calls::freeaddrinfo);
     Handed handed;
@@ -427,7 +447,7 @@ TEST(CTcpSocketCreate, ReportsAHostThatIsNoAddress)
     EXPECT_TRUE(handed.isUntouched());
 }
 
-TEST(CTcpSocketCreate, IgnoresAListThatComesWithAFailure)
+TEST_P(CTcpSocketCreate, IgnoresAListThatComesWithAFailure)
 {
     const Listener listener;
     ScriptedAddresses addresses({LoopbackAddress(listener.port)}, EAI_FAIL);
@@ -437,7 +457,7 @@ TEST(CTcpSocketCreate, IgnoresAListThatComesWithAFailure)
     expectReports({report("CTcpSocket_Create", "Failed to connect to 'h' at port '80'", 0x800A)});
 }
 
-TEST(CTcpSocketCreate, TakesAPositiveResultForSuccess)
+TEST_P(CTcpSocketCreate, TakesAPositiveResultForSuccess)
 {
     const Listener listener;
     {
@@ -455,7 +475,7 @@ TEST(CTcpSocketCreate, TakesAPositiveResultForSuccess)
     expectReports({});
 }
 
-TEST(CTcpSocketCreate, TriesTheAddressesInOrder)
+TEST_P(CTcpSocketCreate, TriesTheAddressesInOrder)
 {
     const Listener first;
     const Listener second;
@@ -471,7 +491,7 @@ TEST(CTcpSocketCreate, TriesTheAddressesInOrder)
     expectReports({});
 }
 
-TEST(CTcpSocketCreate, CreatesEachSocketFromItsEntry)
+TEST_P(CTcpSocketCreate, CreatesEachSocketFromItsEntry)
 {
     ScriptedAddresses addresses({LoopbackAddress(1), LoopbackAddress(2)});
     addresses[0].ai_family = 101;
@@ -492,7 +512,7 @@ TEST(CTcpSocketCreate, CreatesEachSocketFromItsEntry)
     expectReports({report("CTcpSocket_Create", "Client failed to connect", 0x800B)});
 }
 
-TEST(CTcpSocketCreate, ClosesEachSocketThatDoesNotConnect)
+TEST_P(CTcpSocketCreate, ClosesEachSocketThatDoesNotConnect)
 {
     // Once: a second attempt would succeed.
     for (const int error : kPassing) {
@@ -504,21 +524,21 @@ TEST(CTcpSocketCreate, ClosesEachSocketThatDoesNotConnect)
         EXPECT_EQ(CTcpSocket_Create(&handed, "127.0.0.1", listener.port, 1), 0x800Bu);
         EXPECT_TRUE(handed.isUntouched());
         EXPECT_EQ(journal.lines(),
-                  (Lines{"socket s1", "connect s1", "close s1", "free",
-                         "report CTcpSocket_Create: Client failed to connect 0x800b"}));
+                  journalOf({"socket s1", "connect s1", "close s1", "free",
+                             "report CTcpSocket_Create: Client failed to connect 0x800b"}));
     }
 }
 
-TEST(CTcpSocketCreate, FreesTheAddressesBeforeItAllocates)
+TEST_P(CTcpSocketCreate, FreesTheAddressesBeforeItAllocates)
 {
     const Listener listener;
     Handed handed;
     Journal journal;
     EXPECT_EQ(CTcpSocket_Create(&handed, "127.0.0.1", listener.port, 1), GCL_OK);
-    EXPECT_EQ(journal.lines(), (Lines{"socket s1", "connect s1", "free", "new 16"}));
+    EXPECT_EQ(journal.lines(), journalOf({"socket s1", "connect s1", "free", "new 16"}));
 }
 
-TEST(CTcpSocketCreate, LeaksNothingWhenTheAllocationThrows)
+TEST_P(CTcpSocketCreate, LeaksNothingWhenTheAllocationThrows)
 {
     const Listener listener;
     Handed handed;
@@ -526,10 +546,11 @@ TEST(CTcpSocketCreate, LeaksNothingWhenTheAllocationThrows)
     journal.fail("new");
     EXPECT_THROW(CTcpSocket_Create(&handed, "127.0.0.1", listener.port, 1), std::bad_alloc);
     EXPECT_TRUE(handed.isUntouched());
-    EXPECT_EQ(journal.lines(), (Lines{"socket s1", "connect s1", "free", "new 16", "close s1"}));
+    EXPECT_EQ(journal.lines(),
+              journalOf({"socket s1", "connect s1", "free", "new 16", "close s1"}));
 }
 
-TEST(CTcpSocketWaitForConnection, ReportsANullResultPointer)
+TEST_P(CTcpSocketWaitForConnection, ReportsANullResultPointer)
 {
     const Count resolved(calls::getaddrinfo);
     EXPECT_EQ(CTcpSocket_WaitForConnection(nullptr, 1, 1), 0x8008u);
@@ -537,7 +558,7 @@ TEST(CTcpSocketWaitForConnection, ReportsANullResultPointer)
     EXPECT_EQ(resolved.calls(), 0u);
 }
 
-TEST(CTcpSocketWaitForConnection, AsksForPassiveStreamsOfAnyFamily)
+TEST_P(CTcpSocketWaitForConnection, AsksForPassiveStreamsOfAnyFamily)
 {
     for (const int result : {-2, 1}) {
         ScriptedAddresses addresses({}, result);
@@ -554,7 +575,7 @@ TEST(CTcpSocketWaitForConnection, AsksForPassiveStreamsOfAnyFamily)
     }
 }
 
-TEST(CTcpSocketWaitForConnection, ServesOneClient)
+TEST_P(CTcpSocketWaitForConnection, ServesOneClient)
 {
     const int port = freePort();
     OwnedFd client;
@@ -579,14 +600,14 @@ TEST(CTcpSocketWaitForConnection, ServesOneClient)
     expectReports({});
 }
 
-TEST(CTcpSocketWaitForConnection, HandsOverBeforeItEndsTheListeningSocket)
+TEST_P(CTcpSocketWaitForConnection, HandsOverBeforeItEndsTheListeningSocket)
 {
     EXPECT_EQ(serve([](Journal&) {}, GCL_OK),
-              (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                     "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
+              journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                         "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
 }
 
-TEST(CTcpSocketWaitForConnection, LeaksNothingWhenTheAllocationThrows)
+TEST_P(CTcpSocketWaitForConnection, LeaksNothingWhenTheAllocationThrows)
 {
     const int port = freePort();
     Handed handed;
@@ -597,71 +618,75 @@ TEST(CTcpSocketWaitForConnection, LeaksNothingWhenTheAllocationThrows)
     const Lines lines = journal.lines();
     ASSERT_GE(lines.size(), 4u);
     EXPECT_EQ(Lines(lines.end() - 4, lines.end()),
-              (Lines{"new 16", "close a1", "shutdown s1 2", "close s1"}));
+              journalOf({"new 16", "close a1", "shutdown s1 2", "close s1"}));
 }
 
-TEST(CTcpSocketWaitForConnection, GoesOnAfterASocketThatFails)
+TEST_P(CTcpSocketWaitForConnection, GoesOnAfterASocketThatFails)
 {
     EXPECT_EQ(serve([](Journal& journal) { journal.fail("socket", {1}); }, GCL_OK),
-              (Lines{"socket failed", kServer + "Socket closed 0x800a", "socket s1",
-                     "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20", "accept s1 32",
-                     "new 16", "shutdown s1 2", "close s1"}));
+              journalOf({"socket failed", kServer + "Socket closed 0x800a", "socket s1",
+                         "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                         "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
 }
 
-TEST(CTcpSocketWaitForConnection, EndsWhereNoSocketCanBeMade)
+TEST_P(CTcpSocketWaitForConnection, EndsWhereNoSocketCanBeMade)
 {
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("socket"); }, 0x800A),
-              (Lines{"socket failed", kServer + "Socket closed 0x800a", "socket failed",
-                     kServer + "Socket closed 0x800a", "free", kServer + "Failed to bind 0x800a"}));
+    EXPECT_EQ(
+        serve([](Journal& journal) { journal.fail("socket"); }, 0x800A),
+        journalOf({"socket failed", kServer + "Socket closed 0x800a", "socket failed",
+                   kServer + "Socket closed 0x800a", "free", kServer + "Failed to bind 0x800a"}));
 }
 
-TEST(CTcpSocketWaitForConnection, EndsAtAnOptionThatFails)
+TEST_P(CTcpSocketWaitForConnection, EndsAtAnOptionThatFails)
+{
+    for (const int error : kPassing) {
+        EXPECT_EQ(serve(
+                      [error](Journal& journal) {
+                          journal.fail("setsockopt", {1, 1, error});
+                      },
+                      0x800A),
+                  journalOf({"socket s1", "setsockopt s1 " + kReuse,
+                             kServer + "setsockopt() failed 0x800a", "shutdown s1 2", "close s1",
+                             "free"}));
+    }
+}
+
+TEST_P(CTcpSocketWaitForConnection, GoesOnAfterABindThatFails)
+{
+    EXPECT_EQ(
+        serve([](Journal& journal) { journal.fail("bind", {1}); }, GCL_OK),
+        journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
+                   "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
+                   "setsockopt s2 " + kReuse, "bind s2", "free", "listen s2 20", "accept s2 32",
+                   "new 16", "shutdown s2 2", "close s2"}));
+}
+
+TEST_P(CTcpSocketWaitForConnection, EndsWhereNothingCanBeBound)
+{
+    EXPECT_EQ(
+        serve([](Journal& journal) { journal.fail("bind"); }, 0x800A),
+        journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
+                   "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
+                   "setsockopt s2 " + kReuse, "bind s2", "perror Error " + kError, "shutdown s2 2",
+                   "close s2", kServer + "bind() failed 0x800a", "free",
+                   kServer + "Failed to bind 0x800a"}));
+}
+
+TEST_P(CTcpSocketWaitForConnection, EndsAtAListenThatFails)
 {
     for (const int error : kPassing) {
         EXPECT_EQ(
             serve(
                 [error](Journal& journal) {
-                    journal.fail("setsockopt", {1, 1, error});
+                    journal.fail("listen", {1, 1, error});
                 },
                 0x800A),
-            (Lines{"socket s1", "setsockopt s1 " + kReuse, kServer + "setsockopt() failed 0x800a",
-                   "shutdown s1 2", "close s1", "free"}));
+            journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
+                       kServer + "listen() failed 0x800a", "shutdown s1 2", "close s1"}));
     }
 }
 
-TEST(CTcpSocketWaitForConnection, GoesOnAfterABindThatFails)
-{
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("bind", {1}); }, GCL_OK),
-              (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
-                     "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
-                     "setsockopt s2 " + kReuse, "bind s2", "free", "listen s2 20", "accept s2 32",
-                     "new 16", "shutdown s2 2", "close s2"}));
-}
-
-TEST(CTcpSocketWaitForConnection, EndsWhereNothingCanBeBound)
-{
-    EXPECT_EQ(serve([](Journal& journal) { journal.fail("bind"); }, 0x800A),
-              (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "perror Error " + kError,
-                     "shutdown s1 2", "close s1", kServer + "bind() failed 0x800a", "socket s2",
-                     "setsockopt s2 " + kReuse, "bind s2", "perror Error " + kError,
-                     "shutdown s2 2", "close s2", kServer + "bind() failed 0x800a", "free",
-                     kServer + "Failed to bind 0x800a"}));
-}
-
-TEST(CTcpSocketWaitForConnection, EndsAtAListenThatFails)
-{
-    for (const int error : kPassing) {
-        EXPECT_EQ(serve(
-                      [error](Journal& journal) {
-                          journal.fail("listen", {1, 1, error});
-                      },
-                      0x800A),
-                  (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                         kServer + "listen() failed 0x800a", "shutdown s1 2", "close s1"}));
-    }
-}
-
-TEST(CTcpSocketWaitForConnection, EndsAtAnAcceptThatFails)
+TEST_P(CTcpSocketWaitForConnection, EndsAtAnAcceptThatFails)
 {
     for (const int error : kPassing) {
         EXPECT_EQ(serve(
@@ -669,13 +694,13 @@ TEST(CTcpSocketWaitForConnection, EndsAtAnAcceptThatFails)
                           journal.fail("accept", {1, 1, error});
                       },
                       0x800A),
-                  (Lines{"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free", "listen s1 20",
-                         "accept s1 32", kServer + "accept() failed 0x800a", "shutdown s1 2",
-                         "close s1"}));
+                  journalOf({"socket s1", "setsockopt s1 " + kReuse, "bind s1", "free",
+                             "listen s1 20", "accept s1 32", kServer + "accept() failed 0x800a",
+                             "shutdown s1 2", "close s1"}));
     }
 }
 
-TEST(CTcpSocketWaitForConnection, TakesAnEmptyListForNothingBound)
+TEST_P(CTcpSocketWaitForConnection, TakesAnEmptyListForNothingBound)
 {
     ScriptedAddresses addresses({}, 0);
     Handed handed;
@@ -683,7 +708,7 @@ TEST(CTcpSocketWaitForConnection, TakesAnEmptyListForNothingBound)
     expectReports({report("CTcpSocket_WaitForConnection", "Failed to bind", 0x800A)});
 }
 
-TEST(CTcpSocketWaitForConnection, FreesAListThatComesWithAPositiveResult)
+TEST_P(CTcpSocketWaitForConnection, FreesAListThatComesWithAPositiveResult)
 {
     ScriptedAddresses addresses({LoopbackAddress(1)}, 1);
     const Count sockets(calls::socket);
@@ -695,7 +720,7 @@ TEST(CTcpSocketWaitForConnection, FreesAListThatComesWithAPositiveResult)
     expectReports({report("CTcpSocket_WaitForConnection", "getaddrinfo() failed", 0x800A)});
 }
 
-TEST(CTcpSocketWaitForConnection, CreatesEachSocketFromItsEntry)
+TEST_P(CTcpSocketWaitForConnection, CreatesEachSocketFromItsEntry)
 {
     ScriptedAddresses addresses({LoopbackAddress(1)});
     addresses[0].ai_family = 101;
@@ -711,10 +736,10 @@ TEST(CTcpSocketWaitForConnection, CreatesEachSocketFromItsEntry)
     EXPECT_EQ(CTcpSocket_WaitForConnection(&handed, 1, 1), 0x800Au);
     EXPECT_EQ(hook.calls(), 1u);
     EXPECT_EQ(addresses.frees, 1);
-    EXPECT_EQ(takeReports().size(), 2u);
+    EXPECT_EQ(takeReports().size(), GCL_trace.threshold > 0 ? 2u : 0u);
 }
 
-TEST(CTcpSocketWaitForConnection, RefusesAPortInUse)
+TEST_P(CTcpSocketWaitForConnection, RefusesAPortInUse)
 {
     // A wildcard listener, so that every local address of the port is taken.
     const int family = gcltest::hostHasIpv6() ? AF_INET6 : AF_INET;
@@ -755,13 +780,13 @@ TEST(CTcpSocketWaitForConnection, RefusesAPortInUse)
     EXPECT_EQ(resolved.calls(), freed.calls());
 }
 
-TEST(CTcpSocketSetTimeout, ReportsNull)
+TEST_P(CTcpSocketSetTimeout, ReportsNull)
 {
     EXPECT_EQ(CTcpSocket_SetTimeout(nullptr, 1), 0x8008u);
     expectReports({report("CTcpSocket_SetTimeout", "Invalid argument: null object", 0x8008)});
 }
 
-TEST(CTcpSocketSetTimeout, SwitchesTheNonBlockingFlagAndKeepsTheOthers)
+TEST_P(CTcpSocketSetTimeout, SwitchesTheNonBlockingFlagAndKeepsTheOthers)
 {
     const Connection connection;
     const int fd = connection.near.get();
@@ -780,7 +805,7 @@ TEST(CTcpSocketSetTimeout, SwitchesTheNonBlockingFlagAndKeepsTheOthers)
     expectReports({});
 }
 
-TEST(CTcpSocketSetTimeout, TakesUnreadableFlagsForNone)
+TEST_P(CTcpSocketSetTimeout, TakesUnreadableFlagsForNone)
 {
     long written = -1;
     const Hook hook(calls::fcntl, [&written](int, int command, long argument) {
@@ -799,7 +824,7 @@ TEST(CTcpSocketSetTimeout, TakesUnreadableFlagsForNone)
     expectReports({});
 }
 
-TEST(CTcpSocketSetTimeout, StoresTheTimeoutOfAClosedObjectAndFails)
+TEST_P(CTcpSocketSetTimeout, StoresTheTimeoutOfAClosedObjectAndFails)
 {
     CTcpSocket socket{-1, 0, 2, 0};
     const Count flags(calls::fcntl);

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
@@ -553,6 +554,36 @@ TEST(CTimerLife, KeepsErrnoWhereBuildingTheTextChangesIt)
     EXPECT_EQ(errno, 4711);
     EXPECT_TRUE(building);
     EXPECT_EQ(errnoAtBegin, 4711);
+}
+
+// The trace framework ends the process in the middle of a message: the trace object, which is
+// destroyed on the way, is waited for and then left to the message.
+TEST(CTimerLifeDeathTest, AProcessThatEndsInAMessageKeepsTheTraceObject)
+{
+    const auto begin = gcltest::SteadyClock::now();
+    EXPECT_EXIT(
+        {
+            const gcltest::BeginHook hook([](const Report&) { std::exit(7); });
+            const CTimer refused(ignore, nullptr, "", CTimer::Cyclic);
+        },
+        testing::ExitedWithCode(7), "");
+    EXPECT_GE(gcltest::SteadyClock::now() - begin, Milliseconds(1000));
+}
+
+// What the loader cannot tell is not asked for: the timer works without the reference.
+TEST(CTimerLife, WorksWhereTheLoaderDoesNotKnowTheLibrary)
+{
+    const Fault unknown(gcltest::calls::dladdr, gcltest::calls::dladdr.failure());
+    const Count references(gcltest::calls::dlopen);
+    Calls counted;
+    {
+        CTimer timer(counted.callback(), nullptr, "unknown", CTimer::NonCyclic);
+        EXPECT_TRUE(timer.start(Milliseconds(0)));
+        EXPECT_TRUE(eventually([&] { return counted.count == 1; }));
+    }
+    EXPECT_EQ(unknown.failures(), 1u);
+    EXPECT_EQ(references.calls(), 0u);
+    EXPECT_EQ(takeReports(), Reports{});
 }
 
 TEST(CTimerLife, OneThreadServesAllRuns)
@@ -1195,6 +1226,32 @@ TEST(CTimerForcedUnwinding, OfTheConstructorEndsTheWorker)
             }
         }
     }
+}
+
+// The program's operator new ends the constructing thread, in each of its calls in turn.
+TEST(CTimerForcedUnwinding, OfAnAllocationEndsTheConstruction)
+{
+    const auto token = std::make_shared<int>(0);
+    unsigned unwound = 0;
+    for (bool constructed = false; !constructed && unwound < 100;) {
+        const unsigned nth = unwound + 1;
+        std::thread([&] {
+            unsigned number = 0;
+            const Hook hook(gcltest::calls::newScalar, [&](size_t size) -> void* {
+                if (++number == nth) {
+                    ++unwound;
+                    pthread_exit(nullptr);
+                }
+                return gcltest::calls::newScalar.real(size);
+            });
+            const CTimer timer([token](void*) {}, nullptr, "unwound", CTimer::Cyclic);
+            constructed = number < nth;
+        }).join();
+        EXPECT_EQ(token.use_count(), 1);
+    }
+    EXPECT_GT(unwound, 1u);
+    EXPECT_LT(unwound, 100u);
+    EXPECT_EQ(takeReports(), Reports{});
 }
 
 TEST(CTimerForcedUnwinding, OfTheOwnerComesAfterTheDestruction)

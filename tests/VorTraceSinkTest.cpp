@@ -367,6 +367,16 @@ TEST(VorTraceSinkMemory, SetLevelWithoutMemoryChangesNothing)
     EXPECT_EQ(errLinesOf("setLevelWithoutMemory"), Lines{});
 }
 
+TEST(VorTraceSinkMemory, AnEntryOfTheVariableIsSkippedInSilence)
+{
+    EXPECT_EQ(errLinesOf("levelsWithoutMemory", {{"VT_LEVELS", "A=5,B=6"}}), Lines{});
+}
+
+TEST(VorTraceSinkMemory, AComplaintThatCannotBeMadeIsLeftOut)
+{
+    EXPECT_EQ(restsOf("complaintWithoutMemory", {{"VT_LEVELS", "bad"}}), Lines{onChannel("text")});
+}
+
 TEST(VorTraceSinkMessage, IsOneAThread)
 {
     EXPECT_EQ(restsOf("oneMessageAThread"),
@@ -397,6 +407,11 @@ TEST(VorTraceSinkMessage, WorksWithoutThreadKeys)
     EXPECT_EQ(restsOf("manyKeys"), Lines{onClass("without keys")});
 }
 
+TEST(VorTraceSinkMessage, MayBeTheFirstOfTwoThreadsAtOnce)
+{
+    EXPECT_EQ(restsOf("keyInBetween"), (Lines{onChannel("between"), onChannel("behind")}));
+}
+
 TEST(VorTraceSinkMessage, WorksBeforeAndAfterStaticObjects)
 {
     EXPECT_EQ(restsOf("atExit", {{"PROBE_EARLY", "1"}}),
@@ -419,8 +434,18 @@ TEST(VorTraceSinkMessage, IsNotCancelledHalfWay)
 
 TEST(VorTraceSinkStream, CompletesAMessageOnFlush)
 {
-    EXPECT_EQ(restsOf("streams"), (Lines{onClass("number 42 -7.ff"), onClass("ff!", 2),
-                                         onClass("good part "), onClass("good again")}));
+    Lines rests = restsOf("streams");
+    ASSERT_FALSE(rests.empty());
+    const std::string cut = rests.back();
+    rests.pop_back();
+    EXPECT_EQ(rests, (Lines{onClass("number 42 -7.ff"), onClass("ff!", 2), onClass("good part "),
+                            onClass("good again"), onClass("empty")}));
+    // What the line has room for of a text without end.
+    const std::string front = onClass("");
+    EXPECT_EQ(cut.substr(0, front.size()), front);
+    EXPECT_EQ(cut.find_first_not_of('z', front.size()), std::string::npos);
+    EXPECT_GT(cut.size(), 900u);
+    EXPECT_LT(cut.size(), 1024u);
 }
 
 TEST(VorTraceSinkThreads, AreKeptApartInAFile)

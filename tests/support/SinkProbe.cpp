@@ -17,9 +17,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <map>
 #include <new>
+#include <optional>
 #include <ostream>
+#include <streambuf>
 #include <string>
 #include <thread>
 #include <vector>
@@ -295,12 +298,28 @@ void growthFails()
     say("whole again " + text);
 }
 
+// The C++ library's operator new[] may be made of its operator new, which counts as well. While it
+// lives, only the calls of operator new by itself are failed.
+class WholeArrays {
+public:
+    explicit WholeArrays(bool wanted)
+    {
+        if (wanted) {
+            inside.emplace(calls::newArray); // what is called inside of it is left alone
+        }
+    }
+
+private:
+    std::optional<Count<void*(size_t)>> inside;
+};
+
 void noImpl()
 {
     for (gcltest::Call<void*(size_t)>* call : {&calls::newScalar, &calls::newArray}) {
         alignas(VorTrace) unsigned char place[sizeof(VorTrace)];
         VorTrace* object = nullptr;
         {
+            const WholeArrays wholeArrays(call == &calls::newScalar);
             const Fault fault(*call, {0, 0, 1, Failure::kForGood});
             object = new (place) VorTrace("KIV.NONE", VorTraceLevel7);
             CHECK(fault.failures() == 1);
@@ -322,6 +341,7 @@ void setLevelWithoutMemory()
 {
     VorTrace trace("KIV.A", VorTraceLevel3);
     for (gcltest::Call<void*(size_t)>* call : {&calls::newScalar, &calls::newArray}) {
+        const WholeArrays wholeArrays(call == &calls::newScalar);
         const Fault fault(*call, {0, 0, 1, Failure::kForGood});
         VT_setLevel("KIV.A", 5);
         CHECK(fault.failures() == 1);
@@ -333,6 +353,27 @@ void setLevelWithoutMemory()
     VT_setLevel("KIV.A", 6); // known by now
     CHECK(arrays.calls() == 0);
     CHECK(trace.level() == 6);
+}
+
+// An entry of VT_LEVELS for which there is no memory is skipped, and nothing is said.
+void levelsWithoutMemory()
+{
+    const VorTrace a("A", VorTraceLevel3);
+    const VorTrace b("B", VorTraceLevel3);
+    {
+        const Fault fault(calls::newArray, {0, 0, 1});
+        CHECK(a.level() == 3);
+        CHECK(fault.failures() == 1);
+    }
+    CHECK(b.level() == 6);
+}
+
+// A complaint that cannot be formatted is not made.
+void complaintWithoutMemory()
+{
+    const Fault fault(calls::vsnprintf, {-1, ENOMEM, 1});
+    say("text");
+    CHECK(fault.failures() == 1);
 }
 
 void oneMessageAThread()
@@ -437,7 +478,22 @@ void setLevelByThreads()
     for (std::thread& thread : threads) {
         thread.join();
     }
+    // Names that are new to the sink, by all threads at once.
+    threads.clear();
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 200; ++i) {
+                VT_setLevel(("KIV.NEW" + std::to_string(i * 8 + t)).c_str(), 4);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
     const Count arrays(calls::newArray);
+    for (int i = 0; i < 8 * 200; ++i) {
+        VT_setLevel(("KIV.NEW" + std::to_string(i)).c_str(), 5);
+    }
     for (int i = 0; i < 20; ++i) {
         const std::string name = "KIV.T" + std::to_string(i);
         VT_setLevel(name.c_str(), 7);
@@ -536,6 +592,24 @@ void veryEndOfAThread()
     }).join();
 }
 
+// Another thread is the first one with an open message, while this one makes the key for its own.
+void keyInBetween()
+{
+    bool between = false;
+    const Hook hook(calls::pthread_key_create,
+                    [&between](pthread_key_t* key, void (*atEnd)(void*)) {
+                        if (!between) {
+                            between = true;
+                            std::thread([] { say("between"); }).join();
+                        }
+                        return calls::pthread_key_create.real(key, atEnd);
+                    });
+    const Count deletions(calls::pthread_key_delete);
+    say("behind");
+    CHECK(between);
+    CHECK(deletions.calls() == 1); // of the key that is not used
+}
+
 void leftOpen()
 {
     std::thread([] {
@@ -587,7 +661,12 @@ void brokenPipe()
     StderrPipe pipe(false);
     pipe.closeReader();
     say("no one listens");
-    say("nor now");
+    {
+        // The signal is fetched although the first attempt is interrupted.
+        const Fault fault(calls::sigtimedwait, {-1, EINTR, 1});
+        say("nor now");
+        CHECK(fault.failures() == 1);
+    }
     VorTrace trace("KIV.CLASS", VorTraceLevel7);
     sayThrough(trace, VorTraceLevel1, "nor to this");
     // Nothing is left pending, and the mask is as it was.
@@ -616,10 +695,13 @@ void brokenPipeKeepsAPendingSignal()
 void fileAtItsLimit()
 {
     say("fits");
-    const rlimit limit = {150, 150};
+    rlimit before = {};
+    CHECK(getrlimit(RLIMIT_FSIZE, &before) == 0);
+    const rlimit limit = {150, before.rlim_max};
     CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
     say(std::string(200, 'x')); // in part
     say("lost");
+    CHECK(setrlimit(RLIMIT_FSIZE, &before) == 0); // the process may have files of its own to write
     printf("alive\n");
 }
 
@@ -786,6 +868,14 @@ void errnoIsKept()
     }
 }
 
+// Calls a buffer's own function, as the streams of the C++ library may.
+struct Overflow : std::streambuf {
+    static int_type of(std::streambuf& buffer, int_type character)
+    {
+        return (buffer.*&Overflow::overflow)(character);
+    }
+};
+
 void streams()
 {
     VorTrace trace("KIV.CLASS", VorTraceLevel3);
@@ -808,11 +898,32 @@ void streams()
     trace.beginLogMsg(VorTraceLevel1, kHeader);
     CHECK(trace.stream().good());
     trace.stream() << "good again" << std::endl;
+    // No character to be written is a success, and so is a length beyond all memory: what the line
+    // has room for is taken.
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    CHECK(Overflow::of(*trace.stream().rdbuf(), std::char_traits<char>::eof()) !=
+          std::char_traits<char>::eof());
+    trace.stream() << "empty" << std::flush;
+    const std::string filling(2000, 'z');
+    trace.beginLogMsg(VorTraceLevel1, kHeader);
+    const std::streamsize beyond = std::numeric_limits<std::streamsize>::max();
+    CHECK(trace.stream().rdbuf()->sputn(filling.data(), beyond) == beyond);
+    trace.endLogMsg();
     std::ostream* const mine = &trace.stream();
     VorTrace second("KIV.SECOND", VorTraceLevel3);
     CHECK(&second.stream() == mine);
     CHECK(&trace.discardStream() != mine);
     std::thread([&] { CHECK(&trace.stream() != mine); }).join();
+}
+
+// Where the sink counts what is executed, only an orderly end of the process writes the counts.
+[[noreturn]] void leaveChild()
+{
+#ifdef COVERAGE
+    exit(0);
+#else
+    _exit(0);
+#endif
 }
 
 // Forks while another thread that reports is blocked in its first write, and runs `inChild` in the
@@ -841,7 +952,7 @@ pid_t forkWhileBlockedInWrite(InChild inChild)
     if (child == 0) {
         alarm(20); // ends a child that hangs
         inChild();
-        _exit(0);
+        leaveChild();
     }
     int status = -1;
     CHECK(waitpid(child, &status, 0) == child);
@@ -880,7 +991,7 @@ void forkWithAnOpenMessage()
     const pid_t child = fork();
     if (child == 0) {
         say("child");
-        _exit(0);
+        leaveChild();
     }
     int status = -1;
     CHECK(waitpid(child, &status, 0) == child);
@@ -1004,6 +1115,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"brokenPipeKeepsAPendingSignal", brokenPipeKeepsAPendingSignal},
         {"cancellation", cancellation},
         {"closedStderr", closedStderr},
+        {"complaintWithoutMemory", complaintWithoutMemory},
         {"endingThreads", endingThreads},
         {"errnoIsKept", errnoIsKept},
         {"fileAtItsLimit", fileAtItsLimit},
@@ -1016,11 +1128,13 @@ const std::map<std::string, void (*)()>& scenarios()
         {"fullPipe", fullPipe},
         {"growthFails", growthFails},
         {"headerIsNotKept", headerIsNotKept},
+        {"keyInBetween", keyInBetween},
         {"leftOpen", leftOpen},
         {"lengthSweep", lengthSweep},
         {"lengths", lengths},
         {"levelsOfChannels", levelsOfChannels},
         {"levelsOfObjects", levelsOfObjects},
+        {"levelsWithoutMemory", levelsWithoutMemory},
         {"manyKeys", manyKeys},
         {"manyThreads", manyThreads},
         {"newlines", newlines},

@@ -24,10 +24,16 @@ private:
     int32_t thresholdBefore = GCL_trace.threshold;
 };
 
+// These reports, or none where they are suppressed.
+inline std::vector<Report> whereAdmitted(const std::vector<Report>& reports)
+{
+    return GCL_trace.threshold > 0 ? reports : std::vector<Report>{};
+}
+
 // The reports since the last look are these, or none where they are suppressed.
 inline void expectReports(const std::vector<Report>& reports)
 {
-    EXPECT_EQ(takeReports(), GCL_trace.threshold > 0 ? reports : std::vector<Report>{});
+    EXPECT_EQ(takeReports(), whereAdmitted(reports));
 }
 
 inline std::string nameOfThreshold(const testing::TestParamInfo<int32_t>& threshold)

@@ -669,9 +669,11 @@ public:
     void wait_for_expiry(std::unique_lock<std::mutex>&) override
     {
         const int64_t dueNs = sum(gcl::wallClockNs(), nsOfMs(period));
+        // GCOVR_EXCL_START: the worker has just looked, under the lock that it still holds
         if (interrupted()) {
             return;
         }
+        // GCOVR_EXCL_STOP
         do {
             wait_until(dueNs);
         } while (gcl::wallClockNs() < dueNs && !interrupted());
@@ -697,9 +699,11 @@ public:
     // that clock is made good by the passes that begin after it, and by no others.
     void wait_for_expiry(std::unique_lock<std::mutex>&) override
     {
+        // GCOVR_EXCL_START: the worker has just looked, under the lock that it still holds
         if (interrupted()) {
             return;
         }
+        // GCOVR_EXCL_STOP
         int64_t dueNs = 0;
         do {
             const int64_t leftNs = difference(deadline, steadyClockNs());

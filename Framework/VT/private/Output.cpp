@@ -19,6 +19,8 @@
 
 namespace {
 
+static_assert(EAGAIN == EWOULDBLOCK, "a full pipe has one error");
+
 constexpr int64_t kPatienceMs = 100;
 constexpr mode_t kFileMode = 0666;
 constexpr int kToSyslog = -1;
@@ -128,7 +130,7 @@ size_t writeAll(int descriptor, const char* data, size_t size)
             size -= static_cast<size_t>(written);
         } else if (written < 0 && errno == EINTR) {
             continue;
-        } else if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        } else if (written < 0 && errno == EAGAIN) {
             // A reader that has not kept up once is not waited for until it reads again.
             if (readerStalled) {
                 break;

@@ -61,10 +61,9 @@ thread_local Place place;
 
 void onThreadEnd(void*)
 {
-    if (place.built) {
-        place.built = false;
-        place.streams()->~Streams();
-    }
+    // It was asked for when they were built, and comes once each time.
+    place.built = false;
+    place.streams()->~Streams();
 }
 
 vt::ThreadEnd threadEnd(onThreadEnd);
