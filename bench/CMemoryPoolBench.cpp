@@ -7,6 +7,7 @@
 #include <memory_resource>
 #include <vector>
 
+#include "Framework/GCL/cxx/MemoryPool.h"
 #include "bench/floor/CMemoryPoolFloor.h"
 #include "bench/support/Bench.h"
 
@@ -64,6 +65,18 @@ void addGetAndPut(uint32_t depth)
                 [&](void* block) { static_cast<void>(floorPoolFree(&pool, block)); });
             floorPoolDestruct(&pool);
         })
+        .shown("gcl::MemoryPool", "the C++ layer, which calls the same functions",
+               [depth](benchmark::State& state) {
+                   gcl::MemoryPool pool(kBlockSize, depth);
+                   getAndPut(
+                       state, depth,
+                       [&] {
+                           void* block = nullptr;
+                           static_cast<void>(pool.malloc(kBlockSize, block));
+                           return block;
+                       },
+                       [&](void* block) { static_cast<void>(pool.free(block)); });
+               })
         .peer("malloc", 0.7,
               [depth](benchmark::State& state) {
                   getAndPut(

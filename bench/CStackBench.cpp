@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <vector>
 
+#include "Framework/GCL/cxx/Stack.h"
 #include "bench/floor/CStackFloor.h"
 #include "bench/support/Bench.h"
 
@@ -53,6 +54,13 @@ void addPushAndPop(int depth)
                 [&](void** entry) { return floorStackPop(&stack, entry); });
             floorStackDestruct(&stack);
         })
+        .shown("gcl::Stack", "the C++ layer, which calls the same functions",
+               [depth](benchmark::State& state) {
+                   gcl::Stack<void*> stack(static_cast<size_t>(depth));
+                   pushAndPop(
+                       state, depth, [&](void* entry) { return stack.push(entry).code(); },
+                       [&](void** entry) { return stack.pop(*entry).code(); });
+               })
         .peer("GPtrArray",
               [depth](benchmark::State& state) {
                   GPtrArray* const array = g_ptr_array_sized_new(static_cast<guint>(depth));
