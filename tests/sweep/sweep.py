@@ -4,13 +4,13 @@
 Each scenario is run once to count the calls of its first round. Then, for each call and for each
 error of its manual page, and for each allocation, it is run in a process of its own in which that
 call fails, with a second round behind it. The lines that it then says must be those of the run
-without a failure, but for the differences that outcomes.txt documents: results, reports with text
+without a failure, but for the differences on record in outcomes.txt: results, reports with text
 and code, what is left over. Nothing may differ in the second round.
 
 An import of the libraries that no scenario fails must stand, with the reason, in never-failed.txt
 or in ../abi/not-failed.txt.
 
-With --record the outcomes found are written to outcomes.txt, for review: the entries are promises.
+With --record the outcomes found are written to outcomes.txt; compare what changes with the headers.
 """
 
 import argparse
@@ -369,9 +369,9 @@ def main() -> int:
             for error in errors:
                 if error not in promised and "all" not in promised:
                     complaints.append("\n    ".join((f"{' '.join(map(str, key))} {error}: not the "
-                                                     "documented outcome:",) + delta))
+                                                     "outcome on record:",) + delta))
     if scenarios == SCENARIOS:
-        complaints += [f"{' '.join(map(str, key))}: documented, and never made"
+        complaints += [f"{' '.join(map(str, key))}: on record, and never made"
                        for key in documented if key not in found]
         complaints += [f"{name}: imported, and failed by no scenario"
                        for name in unfailed_imports(options, failed_functions)]

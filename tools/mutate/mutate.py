@@ -42,7 +42,10 @@ MODULES: dict[str, tuple[list[str], list[str]]] = {
         ["Framework/GCL/private/CFifoBuffer.cpp", "Framework/GCL/private/DivideByZero.h"],
         ["CFifoBufferTest", "CHashTableTest"],
     ),
-    "CHashTable": (["Framework/GCL/private/CHashTable.cpp"], ["CHashTableTest"]),
+    "CHashTable": (
+        ["Framework/GCL/private/CHashTable.cpp", "Framework/GCL/private/Djb2.h"],
+        ["Djb2Test", "CHashTableTest"],
+    ),
     "CHyxTraceHandler": (
         ["Framework/GCL/private/CHyxTraceHandler.cpp", "Framework/GCL/private/Report.h",
          "Framework/GCL/private/TraceChannels.cpp", "Framework/GCL/private/TraceLevel.h"],
