@@ -6,7 +6,8 @@ statement, exchanged result code or altered text. Each is built, with the addres
 undefined-behaviour sanitizers, in a private copy of the tree, and the test programs of its module
 are run until one fails: the change is killed. What no test notices has survived. A survivor is
 either a gap in the tests or a change that makes no difference; the latter are explained in
-tools/mutate/equivalents.txt.
+tools/mutate/equivalents/MODULE.txt: blocks between empty lines, each the file, the line before (-)
+and after (+), and the reason.
 
 The tool fails where a survivor is not explained, where fewer than 95 of 100 changes of a module
 are killed, or where an explanation fits no survivor any more.
@@ -33,7 +34,7 @@ import clang.cindex
 from clang.cindex import TokenKind
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-EQUIVALENTS = ROOT / "tools/mutate/equivalents.txt"
+EQUIVALENTS = ROOT / "tools/mutate/equivalents"
 WANTED = 0.95
 
 # Each module: its sources, and the test programs that are there for it, the quickest first.
@@ -308,14 +309,13 @@ class Worker:
 def read_equivalents() -> dict[tuple[str, str, str], str]:
     """The explained survivors."""
     explained = {}
-    for block in re.split(r"\n\s*\n", EQUIVALENTS.read_text()):
-        lines = [line for line in block.split("\n") if line and not line.startswith("#")]
-        if not lines:
-            continue
-        if len(lines) < 4 or not lines[1].startswith("- ") or not lines[2].startswith("+ "):
-            sys.exit(f"{EQUIVALENTS}: not file, -, +, reason:\n{block}")
-        reason = " ".join(line.strip() for line in lines[3:])
-        explained[(lines[0], lines[1][2:], lines[2][2:])] = reason
+    for file in sorted(EQUIVALENTS.glob("*.txt")):
+        for block in re.split(r"\n\s*\n", file.read_text().strip()):
+            lines = block.split("\n")
+            if len(lines) < 4 or not lines[1].startswith("- ") or not lines[2].startswith("+ "):
+                sys.exit(f"{file}: not file, -, +, reason:\n{block}")
+            reason = " ".join(line.strip() for line in lines[3:])
+            explained[(lines[0], lines[1][2:], lines[2][2:])] = reason
     return explained
 
 
