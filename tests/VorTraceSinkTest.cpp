@@ -739,3 +739,10 @@ TEST(VorTraceSinkFailingOutput, EveryResultOfWrite)
     const Outcome outcome = run("writeResults");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
 }
+
+TEST(VorTraceSinkFailingOutput, FileAtItsSizeLimitKeepsAPendingSignal)
+{
+    const Folder folder;
+    expectAlive("fileAtItsLimitKeepsAPendingSignal", {{"VT_OUTPUT", folder / "log"}});
+    EXPECT_EQ(contentOf(folder / "log").size(), 10u);
+}

@@ -705,6 +705,27 @@ void fileAtItsLimit()
     printf("alive\n");
 }
 
+// As brokenPipeKeepsAPendingSignal, with the signal of the file at its limit.
+void fileAtItsLimitKeepsAPendingSignal()
+{
+    sigset_t limitOnly;
+    sigemptyset(&limitOnly);
+    sigaddset(&limitOnly, SIGXFSZ);
+    CHECK(pthread_sigmask(SIG_BLOCK, &limitOnly, nullptr) == 0);
+    CHECK(raise(SIGXFSZ) == 0);
+    rlimit before = {};
+    CHECK(getrlimit(RLIMIT_FSIZE, &before) == 0);
+    const rlimit limit = {10, before.rlim_max};
+    CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    say("in part"); // the second write of the line raises the signal
+    say("lost");
+    CHECK(setrlimit(RLIMIT_FSIZE, &before) == 0);
+    sigset_t set;
+    CHECK(sigpending(&set) == 0 && sigismember(&set, SIGXFSZ) == 1);
+    CHECK(pthread_sigmask(SIG_BLOCK, nullptr, &set) == 0 && sigismember(&set, SIGXFSZ) == 1);
+    printf("alive\n");
+}
+
 void fullPipe()
 {
     StderrPipe pipe(true);
@@ -1119,6 +1140,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"endingThreads", endingThreads},
         {"errnoIsKept", errnoIsKept},
         {"fileAtItsLimit", fileAtItsLimit},
+        {"fileAtItsLimitKeepsAPendingSignal", fileAtItsLimitKeepsAPendingSignal},
         {"fileIsClosedOnExec", fileIsClosedOnExec},
         {"fileKeepsOffStandardStreams", fileKeepsOffStandardStreams},
         {"forkWhileComplaining", forkWhileComplaining},
