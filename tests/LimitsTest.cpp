@@ -11,18 +11,26 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <functional>
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Framework/GCL/CFifoBuffer.h"
+#include "Framework/GCL/CHashTable.h"
 #include "Framework/GCL/CList.h"
 #include "Framework/GCL/CMemoryPool.h"
+#include "Framework/GCL/CStack.h"
+#include "Framework/GCL/CSysLogHandler.h"
 #include "Framework/GCL/CTcpSocket.h"
 #include "Framework/GCL/CTimer.h"
 #include "Framework/GCL/HijackApi.h"
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/SleepApi.h"
+#include "Framework/GCL/TraceChannels.h"
 #include "Framework/GCL/testing/TraceCapture.h"
 #include "Framework/VT/VorTrace.h"
 #include "tests/support/Loopback.h"
@@ -78,6 +86,42 @@ void inChild(Body body)
     fclose(file);
     return static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
 }
+
+// No memory is left while it lives, not even a small block of what the process has already.
+class NoMemory {
+public:
+    NoMemory() : limit(RLIMIT_AS, addressSpace())
+    {
+        for (size_t size = 1u << 20; size > kSmall; size /= 2) {
+            take(size);
+        }
+        for (size_t size = kSmall; size > 0; size -= 8) { // each has a list of free blocks
+            take(size);
+        }
+    }
+    ~NoMemory()
+    {
+        while (taken != nullptr) {
+            free(std::exchange(taken, *static_cast<void**>(taken)));
+        }
+    }
+    NoMemory(const NoMemory&) = delete;
+    NoMemory& operator=(const NoMemory&) = delete;
+
+private:
+    static constexpr size_t kSmall = 1200;
+
+    void take(size_t size)
+    {
+        while (void* const block = malloc(size)) {
+            *static_cast<void**>(block) = taken;
+            taken = block;
+        }
+    }
+
+    Limit limit;
+    void* taken = nullptr;
+};
 
 // Whether a one-shot timer calls back within reason.
 bool timerWorks(CTimer& timer, const std::atomic<int>& calls)
@@ -141,6 +185,85 @@ TEST(LimitsOfDescriptors, RefuseConnectionsUntilThereAreSomeAgain)
         EXPECT_TRUE(client.connectToServer("127.0.0.1"));
         EXPECT_EQ(client.socketFd, next);
         close(client.socketFd);
+    });
+}
+
+// The listening socket takes the last descriptor, and none is left for a client.
+TEST(LimitsOfDescriptors, RefuseToAcceptUntilThereIsOneAgain)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
+#endif
+    inChild([] {
+        const int port = gcltest::freePort();
+        const int next = dup(0);
+        close(next);
+        CTcpSocket* object = nullptr;
+        {
+            // Resolving an address takes a descriptor for a moment, the listening socket one for
+            // good.
+            const Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + 1);
+            EXPECT_EQ(CTcpSocket_WaitForConnection(&object, port, 10), 0x800Au);
+            EXPECT_EQ(object, nullptr);
+            EXPECT_EQ(takeReports(),
+                      (Reports{gclReport("CTcpSocket", "CTcpSocket_WaitForConnection",
+                                         "accept() failed", 0x800A)}));
+        }
+        const pid_t peer = fork();
+        ASSERT_GE(peer, 0);
+        if (peer == 0) {
+            alarm(50);
+            while (gcltest::connectTo(port).get() < 0) {
+                usleep(5000);
+            }
+            _exit(0);
+        }
+        ASSERT_EQ(CTcpSocket_WaitForConnection(&object, port, 10), GCL_OK);
+        EXPECT_EQ(object->iSocketHandle, next + 1); // nothing was left open
+        EXPECT_EQ(CTcpSocket_Close(object), GCL_OK);
+        delete[] object;
+        int status = -1;
+        EXPECT_EQ(waitpid(peer, &status, 0), peer);
+        EXPECT_EQ(status, 0);
+    });
+}
+
+// What needs no descriptor does its work, and the system log loses its lines in silence.
+TEST(LimitsOfDescriptors, LeaveTheOtherModulesAsTheyAre)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
+#endif
+    inChild([] {
+        const int next = dup(0);
+        close(next);
+        {
+            const Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next));
+            EXPECT_LT(dup(0), 0);
+            CSysLogHandler_Log("LIMITS", "file.cpp", 1, 0x8000, "lost: no descriptor %d", next);
+            Util::SleepApi().sleepMs(1);
+            CHashTable table = {};
+            CHashTable_Construct(&table, 8);
+            EXPECT_EQ(CHashTable_Set(&table, "key", 5), GCL_OK);
+            unsigned long value = 0;
+            EXPECT_EQ(CHashTable_Get(&table, "key", &value), GCL_OK);
+            EXPECT_EQ(value, 5u);
+            CHashTable_Destruct(&table);
+            for (const ETaskingMode mode :
+                 {eTaskingModeSemaphore, eTaskingModeNone, eTaskingModeMutex}) {
+                CFifoBuffer fifo = {};
+                CFifoBuffer_Construct(&fifo, sizeof value, 2, mode);
+                EXPECT_EQ(CFifoBuffer_Put(&fifo, &value), GCL_OK);
+                unsigned long out = 0;
+                EXPECT_EQ(CFifoBuffer_Get(&fifo, &out), GCL_OK);
+                EXPECT_EQ(out, value);
+                CFifoBuffer_Destruct(&fifo);
+            }
+            EXPECT_EQ(takeReports(), Reports{});
+        }
+        const int again = dup(0);
+        EXPECT_EQ(again, next); // the system log has none open
+        close(again);
     });
 }
 
@@ -232,6 +355,156 @@ TEST(LimitsOfMemory, LeaveObjectsAsTheyWereUntilThereIsSomeAgain)
         CTimer timer([&](void*) { ++calls; }, nullptr, "again", CTimer::NonCyclic);
         EXPECT_TRUE(timerWorks(timer, calls));
         EXPECT_EQ(takeReports(), Reports{});
+    });
+}
+
+// Every constructor and every operation that allocates, without a byte to be had: each throws and
+// leaves what was there, and each works again afterwards.
+TEST(LimitsOfMemory, RefuseEveryAllocation)
+{
+    inChild([] {
+        CList list;
+        CList_Construct(&list);
+        EXPECT_EQ(CList_PushTail(&list, 1), GCL_OK);
+        EXPECT_EQ(CList_PushTail(&list, 3), GCL_OK);
+        CListNode* first = nullptr;
+        EXPECT_EQ(CList_StartIterationFromHead(&list, &first), GCL_OK);
+        CHashTable table = {};
+        CHashTable_Construct(&table, 8);
+        EXPECT_EQ(CHashTable_Set(&table, "held", 7), GCL_OK);
+        CHashTable more = {};
+        CStack stack = {};
+        CMemoryPool pool = {};
+        CFifoBuffer fifos[3] = {};
+        const Listener listener;
+        const std::string name = "no memory";
+        const std::function<void(void*)> ignore = [](void*) {};
+        CTcpSocket* object = nullptr;
+        CList values;
+        unsigned thrown = 0;
+        const auto refused = [&](auto&& operation) {
+            try {
+                operation();
+            } catch (const std::bad_alloc&) {
+                ++thrown;
+            }
+        };
+        GCL_trace.threshold = 0; // the recording trace framework needs memory
+        uint32_t connected = GCL_OK;
+        {
+            const NoMemory noMemory;
+            refused([&] { CList_PushHead(&list, 2); });
+            refused([&] { CList_PushTail(&list, 2); });
+            refused([&] { CList_InsertAfter(&list, 2, first); });
+            refused([&] { CHashTable_Construct(&more, 8); });
+            refused([&] { CHashTable_Set(&table, "new", 8); });
+            refused([&] { CHashTable_ToList(&table, &values); });
+            refused([&] { CStack_Construct(&stack, 8); });
+            refused([&] { CMemoryPool_Construct(&pool, 64, 8); });
+            for (uint32_t mode = 0; mode < 3; ++mode) {
+                refused([&] {
+                    CFifoBuffer_Construct(&fifos[mode], 8, 8, static_cast<ETaskingMode>(mode));
+                });
+            }
+            refused([&] { const CTimer timer(ignore, nullptr, name, CTimer::Cyclic); });
+            // Resolving the address fails first, with a code of its own.
+            connected = CTcpSocket_Create(&object, "127.0.0.1", listener.port, 10);
+        }
+        EXPECT_EQ(thrown, 12u);
+        EXPECT_EQ(connected, 0x800Au);
+        EXPECT_EQ(object, nullptr);
+        EXPECT_EQ(CList_CurrentSize(&list), 2u);
+        EXPECT_EQ(table.uiCount, 1u);
+        EXPECT_EQ(CHashTable_Exists(&table, "new"), 0u);
+        // What could not be constructed can be destructed, and refuses everything else.
+        EXPECT_EQ(CStack_Push(&stack, &stack), 0x8002u);
+        void* block = nullptr;
+        EXPECT_EQ(CMemoryPool_Malloc(&pool, 1, &block), 0x8007u);
+        for (CFifoBuffer& fifo : fifos) {
+            EXPECT_EQ(CFifoBuffer_Put(&fifo, &thrown), 0x8018u);
+            CFifoBuffer_Destruct(&fifo);
+        }
+        GCL_trace.threshold = 0x1003;
+        CHashTable_Destruct(&more);
+        CStack_Destruct(&stack);
+        CMemoryPool_Destruct(&pool);
+
+        EXPECT_EQ(CList_InsertAfter(&list, 2, first), GCL_OK);
+        EXPECT_EQ(CHashTable_Set(&table, "new", 8), GCL_OK);
+        EXPECT_EQ(CHashTable_ToList(&table, &values), GCL_OK);
+        EXPECT_EQ(CList_CurrentSize(&values), 2u);
+        CStack_Construct(&stack, 8);
+        EXPECT_EQ(CStack_Push(&stack, &stack), GCL_OK);
+        CMemoryPool_Construct(&pool, 64, 8);
+        EXPECT_EQ(CMemoryPool_Malloc(&pool, 64, &block), GCL_OK);
+        for (CFifoBuffer& fifo : fifos) {
+            CFifoBuffer_Construct(&fifo, 4, 8, eTaskingModeMutex);
+            EXPECT_EQ(CFifoBuffer_Put(&fifo, &thrown), GCL_OK);
+            CFifoBuffer_Destruct(&fifo);
+        }
+        EXPECT_EQ(CTcpSocket_Create(&object, "127.0.0.1", listener.port, 10), GCL_OK);
+        EXPECT_EQ(CTcpSocket_Close(object), GCL_OK);
+        static_cast<void>(takeReports()); // of how the send queue drained
+        delete[] object;
+        CList_Destruct(&values);
+        CList_Destruct(&list);
+        CHashTable_Destruct(&table);
+        CStack_Destruct(&stack);
+        CMemoryPool_Destruct(&pool);
+        std::atomic<int> calls{0};
+        CTimer timer([&](void*) { ++calls; }, nullptr, name, CTimer::NonCyclic);
+        EXPECT_TRUE(timerWorks(timer, calls));
+        EXPECT_EQ(takeReports(), Reports{});
+    });
+}
+
+// Nothing that runs needs memory: timers call back, FIFOs, pools and stacks hand out what they have.
+TEST(LimitsOfMemory, LeaveWhatIsConstructedAtWork)
+{
+    inChild([] {
+        std::atomic<int> calls{0};
+        CTimer cyclic([&](void*) { ++calls; }, nullptr, "cyclic", CTimer::Cyclic);
+        CTimer single([&](void*) { ++calls; }, nullptr, "single", CTimer::NonCyclic);
+        CStack stack = {};
+        CStack_Construct(&stack, 8);
+        CMemoryPool pool = {};
+        CMemoryPool_Construct(&pool, 64, 2);
+        CFifoBuffer fifo = {};
+        CFifoBuffer_Construct(&fifo, sizeof(int), 2, eTaskingModeSemaphore);
+        CHashTable table = {};
+        CHashTable_Construct(&table, 8);
+        EXPECT_EQ(CHashTable_Set(&table, "held", 7), GCL_OK);
+        gcltest::Connection connection;
+        CTcpSocket socket = {};
+        CTcpSocket_Construct(&socket, connection.near.release(), 0, 100);
+        bool allWell = true;
+        {
+            const NoMemory noMemory;
+            allWell = cyclic.start(std::chrono::milliseconds(1)) && timerWorks(single, calls);
+            void* block = nullptr;
+            void* popped = nullptr;
+            int out = 0;
+            int32_t length = sizeof out;
+            unsigned long value = 0;
+            allWell = allWell && CMemoryPool_Malloc(&pool, 64, &block) == GCL_OK &&
+                      CMemoryPool_Free(&pool, block) == GCL_OK &&
+                      CStack_Push(&stack, &pool) == GCL_OK &&
+                      CStack_Pop(&stack, &popped) == GCL_OK && popped == &pool;
+            allWell = allWell && CFifoBuffer_Put(&fifo, &length) == GCL_OK &&
+                      CFifoBuffer_Get(&fifo, &out) == GCL_OK && out == length;
+            allWell = allWell && CHashTable_Set(&table, "held", 8) == GCL_OK &&
+                      CHashTable_Unset(&table, "held", &value) == GCL_OK && value == 8;
+            allWell = allWell && CTcpSocket_Write(&socket, &out, &length) == GCL_OK &&
+                      read(connection.far.get(), &out, sizeof out) == sizeof out;
+            cyclic.stop();
+        }
+        EXPECT_TRUE(allWell);
+        EXPECT_EQ(CTcpSocket_Close(&socket), GCL_OK);
+        CStack_Destruct(&stack);
+        CMemoryPool_Destruct(&pool);
+        CFifoBuffer_Destruct(&fifo);
+        CHashTable_Destruct(&table);
+        static_cast<void>(takeReports());
     });
 }
 
