@@ -26,8 +26,8 @@ INSTANTIATE_TEST_SUITE_P(Mode, CFifoBufferElements,
                              return std::to_string(mode.param);
                          });
 
-// Destruct destroys the mutex in every mode. Valgrind's thread checkers count it as an error if there
-// never was one; the tests of Destruct do without this.
+// Destruct destroys the mutex in every mode. Valgrind's thread checkers count it as an error if
+// there never was one; the tests of Destruct do without this.
 void destruct(CFifoBuffer& fifo)
 {
     if (fifo.eMode != eTaskingModeMutex) {

@@ -5,18 +5,15 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <new>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Framework/GCL/CFifoBuffer.h"
@@ -33,34 +30,21 @@
 #include "Framework/GCL/TraceChannels.h"
 #include "Framework/GCL/testing/TraceCapture.h"
 #include "Framework/VT/VorTrace.h"
+#include "tests/support/Limit.h"
 #include "tests/support/Loopback.h"
+#include "tests/support/Sanitizers.h"
 
+using gcltest::addressSpace;
 using gcltest::gclReport;
+using gcltest::Limit;
 using gcltest::Listener;
+using gcltest::NoMemory;
 using gcltest::Report;
 using gcltest::takeReports;
 
 namespace {
 
 using Reports = std::vector<Report>;
-
-// A soft limit of this process while it lives.
-class Limit {
-public:
-    Limit(__rlimit_resource_t limited, rlim_t value) : resource(limited)
-    {
-        EXPECT_EQ(getrlimit(resource, &before), 0);
-        const rlimit lowered = {value, before.rlim_max};
-        EXPECT_EQ(setrlimit(resource, &lowered), 0);
-    }
-    ~Limit() { EXPECT_EQ(setrlimit(resource, &before), 0); }
-    Limit(const Limit&) = delete;
-    Limit& operator=(const Limit&) = delete;
-
-private:
-    __rlimit_resource_t resource;
-    rlimit before = {};
-};
 
 // Runs `body` in a child process; its failed expectations are said there and fail the case here.
 template <typename Body>
@@ -78,49 +62,23 @@ void inChild(Body body)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
-[[maybe_unused]] rlim_t addressSpace()
-{
-    long pages = 0;
-    FILE* const file = fopen("/proc/self/statm", "r");
-    EXPECT_EQ(fscanf(file, "%ld", &pages), 1);
-    fclose(file);
-    return static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
-}
-
-// No memory is left while it lives, not even a small block of what the process has already.
-class NoMemory {
-public:
-    NoMemory() : limit(RLIMIT_AS, addressSpace())
+class LimitsOfDescriptors : public testing::Test {
+    void SetUp() override
     {
-        for (size_t size = 1u << 20; size > kSmall; size /= 2) {
-            take(size);
-        }
-        for (size_t size = kSmall; size > 0; size -= 8) { // each has a list of free blocks
-            take(size);
-        }
+#ifdef GCLTEST_ADDRESS_SANITIZER
+        GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
+#endif
     }
-    ~NoMemory()
+};
+
+class LimitsOfMemory : public testing::Test {
+    void SetUp() override
     {
-        while (taken != nullptr) {
-            free(std::exchange(taken, *static_cast<void**>(taken)));
-        }
+#if defined(GCLTEST_ADDRESS_SANITIZER) || defined(GCLTEST_THREAD_SANITIZER)
+        GTEST_SKIP() << "the sanitizer takes most of the address space for itself, and ends a "
+                        "process that cannot have more";
+#endif
     }
-    NoMemory(const NoMemory&) = delete;
-    NoMemory& operator=(const NoMemory&) = delete;
-
-private:
-    static constexpr size_t kSmall = 1200;
-
-    void take(size_t size)
-    {
-        while (void* const block = malloc(size)) {
-            *static_cast<void**>(block) = taken;
-            taken = block;
-        }
-    }
-
-    Limit limit;
-    void* taken = nullptr;
 };
 
 // Whether a one-shot timer calls back within reason.
@@ -136,11 +94,8 @@ bool timerWorks(CTimer& timer, const std::atomic<int>& calls)
 
 } // namespace
 
-TEST(LimitsOfDescriptors, RefuseConnectionsUntilThereAreSomeAgain)
+TEST_F(LimitsOfDescriptors, RefuseConnectionsUntilThereAreSomeAgain)
 {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
-#endif
     inChild([] {
         const Listener listener;
         VorTrace trace("KIV.LIMITS", VorTraceLevel4);
@@ -189,11 +144,8 @@ TEST(LimitsOfDescriptors, RefuseConnectionsUntilThereAreSomeAgain)
 }
 
 // The listening socket takes the last descriptor, and none is left for a client.
-TEST(LimitsOfDescriptors, RefuseToAcceptUntilThereIsOneAgain)
+TEST_F(LimitsOfDescriptors, RefuseToAcceptUntilThereIsOneAgain)
 {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
-#endif
     inChild([] {
         const int port = gcltest::freePort();
         const int next = dup(0);
@@ -229,11 +181,8 @@ TEST(LimitsOfDescriptors, RefuseToAcceptUntilThereIsOneAgain)
 }
 
 // What needs no descriptor does its work, and the system log loses its lines in silence.
-TEST(LimitsOfDescriptors, LeaveTheOtherModulesAsTheyAre)
+TEST_F(LimitsOfDescriptors, LeaveTheOtherModulesAsTheyAre)
 {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
-#endif
     inChild([] {
         const int next = dup(0);
         close(next);
@@ -307,9 +256,7 @@ TEST(LimitsOfThreads, LeaveTimersWithoutAWorkerUntilThereAreSomeAgain)
     });
 }
 
-#ifndef __SANITIZE_ADDRESS__ // which has an address space of its own
-#ifndef __SANITIZE_THREAD__
-TEST(LimitsOfMemory, LeaveObjectsAsTheyWereUntilThereIsSomeAgain)
+TEST_F(LimitsOfMemory, LeaveObjectsAsTheyWereUntilThereIsSomeAgain)
 {
     inChild([] {
         constexpr uint32_t kMuch = 256u << 20;
@@ -360,7 +307,7 @@ TEST(LimitsOfMemory, LeaveObjectsAsTheyWereUntilThereIsSomeAgain)
 
 // Every constructor and every operation that allocates, without a byte to be had: each throws and
 // leaves what was there, and each works again afterwards.
-TEST(LimitsOfMemory, RefuseEveryAllocation)
+TEST_F(LimitsOfMemory, RefuseEveryAllocation)
 {
     inChild([] {
         CList list;
@@ -458,8 +405,9 @@ TEST(LimitsOfMemory, RefuseEveryAllocation)
     });
 }
 
-// Nothing that runs needs memory: timers call back, FIFOs, pools and stacks hand out what they have.
-TEST(LimitsOfMemory, LeaveWhatIsConstructedAtWork)
+// Nothing that runs needs memory: timers call back, FIFOs, pools and stacks hand out what they
+// have.
+TEST_F(LimitsOfMemory, LeaveWhatIsConstructedAtWork)
 {
     inChild([] {
         std::atomic<int> calls{0};
@@ -509,7 +457,7 @@ TEST(LimitsOfMemory, LeaveWhatIsConstructedAtWork)
 }
 
 // A thread's stack needs more of the address space than there is.
-TEST(LimitsOfMemory, LeaveATimerWithoutAWorker)
+TEST_F(LimitsOfMemory, LeaveATimerWithoutAWorker)
 {
     inChild([] {
         std::atomic<int> calls{0};
@@ -532,5 +480,3 @@ TEST(LimitsOfMemory, LeaveATimerWithoutAWorker)
         EXPECT_TRUE(timerWorks(timer, calls));
     });
 }
-#endif
-#endif

@@ -31,6 +31,7 @@
 #include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/VT/VT.h"
 #include "Framework/VT/VorTrace.h"
+#include "tests/support/Limit.h"
 
 using gcltest::Count;
 using gcltest::Failure;
@@ -296,6 +297,35 @@ void growthFails()
         VT_endImpl(&channel);
     }
     say("whole again " + text);
+}
+
+// By the system's own limits, what other scenarios do by faults.
+void memoryExhausted()
+{
+    const std::string filling(3000, 'x');
+    say("warm");
+    {
+        const gcltest::NoMemory noMemory;
+        say("short");
+        say(filling);
+        const VorTrace trace("KIV.NONE", VorTraceLevel3);
+        CHECK(!trace.hasImpl());
+    }
+    say("whole again " + filling);
+    const VorTrace trace("KIV.NONE", VorTraceLevel3);
+    CHECK(trace.hasImpl());
+}
+
+// The file cannot be opened, and is not tried again.
+void descriptorsExhausted()
+{
+    const int next = dup(STDIN_FILENO);
+    CHECK(next >= 0 && close(next) == 0);
+    {
+        const gcltest::Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next));
+        say("without descriptors");
+    }
+    say("with descriptors");
 }
 
 // The C++ library's operator new[] may be made of its operator new, which counts as well. While it
@@ -1137,6 +1167,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"cancellation", cancellation},
         {"closedStderr", closedStderr},
         {"complaintWithoutMemory", complaintWithoutMemory},
+        {"descriptorsExhausted", descriptorsExhausted},
         {"endingThreads", endingThreads},
         {"errnoIsKept", errnoIsKept},
         {"fileAtItsLimit", fileAtItsLimit},
@@ -1159,6 +1190,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"levelsWithoutMemory", levelsWithoutMemory},
         {"manyKeys", manyKeys},
         {"manyThreads", manyThreads},
+        {"memoryExhausted", memoryExhausted},
         {"newlines", newlines},
         {"noImpl", noImpl},
         {"nothing", nothing},
