@@ -24,6 +24,12 @@
 
 namespace {
 
+// The reports are many. The sink opens their output with the first one, before a case begins.
+const bool reportsAreDropped = [] {
+    const CFifoBuffer none = {};
+    return setenv("VT_OUTPUT", "/dev/null", 1) == 0 && CFifoBuffer_IsEmpty(&none) == 1;
+}();
+
 // What a process has before it forks, and its child goes on with.
 struct Inherited {
     Inherited()
@@ -93,7 +99,7 @@ void useEveryModule(Inherited& inherited, int port)
 
 TEST(Fork, LeavesTheChildEveryModuleButTheTimers)
 {
-    ASSERT_EQ(setenv("VT_OUTPUT", "/dev/null", 1), 0); // the reports are many
+    ASSERT_TRUE(reportsAreDropped);
     Inherited inherited;
     const gcltest::Listener listener;
     std::atomic<int> calls{0};
