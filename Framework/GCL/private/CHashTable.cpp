@@ -64,8 +64,10 @@ template <typename Block>
 template <>
 [[gnu::always_inline]] inline bool differ<__m128i>(const char* left, const char* right)
 {
-    const __m128i equal = _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(left)),
-                                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(right)));
+    const __m128i one = _mm_loadu_si128(reinterpret_cast<const __m128i*>(left));
+    const __m128i other = _mm_loadu_si128(reinterpret_cast<const __m128i*>(right));
+    // gcov counts a second end of the comparison, which is one instruction and has no branch.
+    const __m128i equal = _mm_cmpeq_epi8(one, other); // GCOVR_EXCL_BR_LINE
     return _mm_movemask_epi8(equal) != 0xFFFF;
 }
 #endif
