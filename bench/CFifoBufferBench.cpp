@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "Framework/GCL/cxx/FifoBuffer.h"
 #include "bench/floor/CFifoBufferFloor.h"
 #include "bench/support/Bench.h"
 
@@ -26,6 +27,7 @@ namespace {
 constexpr uint32_t kCapacity = 64;
 constexpr int kElementsOfThreads = 20000;
 constexpr char kInlined[] = "inlined into its caller";
+constexpr char kCxxLayer[] = "the C++ layer, which calls the same functions";
 
 // The queues: each hands over one word of a pointer's width, or, where it copies elements, so many
 // bytes that begin with that word.
@@ -45,6 +47,27 @@ public:
 
 private:
     CFifoBuffer fifo;
+};
+
+template <uint32_t kBytes>
+class Cxx {
+public:
+    explicit Cxx(ETaskingMode mode) : fifo(kCapacity, mode) {}
+
+    void put(uintptr_t, const unsigned char* element)
+    {
+        static_cast<void>(fifo.put(*reinterpret_cast<const Element*>(element)));
+    }
+    void get(unsigned char* element)
+    {
+        static_cast<void>(fifo.get(*reinterpret_cast<Element*>(element)));
+    }
+
+private:
+    struct Element {
+        unsigned char bytes[kBytes];
+    };
+    gcl::FifoBuffer<Element> fifo;
 };
 
 template <uint32_t (*putFloor)(FloorFifo*, const void*), uint32_t (*getFloor)(FloorFifo*, void*)>
@@ -307,34 +330,36 @@ bench::Side betweenOn(int threads, Arguments... arguments)
     };
 }
 
+template <uint32_t kBytes>
 void addAlone()
 {
-    for (const uint32_t bytes : {8U, 64U, 256U, 1024U}) {
-        bench::Case waiting("FIFO mode 0, Put or Get", {1.05, 0});
-        waiting.at("bytes", bytes)
-            .ours(aloneOn<Ours>(bytes, eTaskingModeSemaphore, bytes))
-            .floor(aloneOn<FloorWaiting>(bytes, bytes));
-        bench::Case unprotected("FIFO mode 1, Put or Get", {1.05, 0});
-        unprotected.at("bytes", bytes)
-            .ours(aloneOn<Ours>(bytes, eTaskingModeNone, bytes))
-            .floor(aloneOn<FloorUnprotected>(bytes, bytes));
-        bench::Case locked("FIFO mode 2, Put or Get", {1.05, 1.1});
-        locked.at("bytes", bytes)
-            .ours(aloneOn<Ours>(bytes, eTaskingModeMutex, bytes))
-            .floor(aloneOn<FloorLocked>(bytes, bytes));
-        if (bytes > sizeof(uintptr_t)) {
-            continue; // the peers hand over pointers
-        }
-        waiting.peer("GAsyncQueue", 0.6, aloneOn<GlibQueue>(bytes))
-            .peer("ACE_Message_Queue", 0.3, aloneOn<AceQueue>(bytes))
-            .peer("apr_queue", 1.0, aloneOn<AprQueue>(bytes))
-            .shown("boost::sync_bounded_queue", kInlined, aloneOn<BoostBounded>(bytes))
-            .shown("boost::lockfree::queue", "lock-free, does not block",
-                   aloneOn<BoostLockFree>(bytes));
-        unprotected.shown("GQueue", "allocates, has no bound", aloneOn<GlibList>(bytes))
-            .shown("boost::circular_buffer", kInlined, aloneOn<BoostRing>(bytes));
-        locked.peer("mutex and ring", aloneOn<BoostRingWithMutex>(bytes));
+    bench::Case waiting("FIFO mode 0, Put or Get", {1.05, 0});
+    waiting.at("bytes", kBytes)
+        .ours(aloneOn<Ours>(kBytes, eTaskingModeSemaphore, kBytes))
+        .floor(aloneOn<FloorWaiting>(kBytes, kBytes))
+        .shown("gcl::FifoBuffer", kCxxLayer, aloneOn<Cxx<kBytes>>(kBytes, eTaskingModeSemaphore));
+    bench::Case unprotected("FIFO mode 1, Put or Get", {1.05, 0});
+    unprotected.at("bytes", kBytes)
+        .ours(aloneOn<Ours>(kBytes, eTaskingModeNone, kBytes))
+        .floor(aloneOn<FloorUnprotected>(kBytes, kBytes))
+        .shown("gcl::FifoBuffer", kCxxLayer, aloneOn<Cxx<kBytes>>(kBytes, eTaskingModeNone));
+    bench::Case locked("FIFO mode 2, Put or Get", {1.05, 1.1});
+    locked.at("bytes", kBytes)
+        .ours(aloneOn<Ours>(kBytes, eTaskingModeMutex, kBytes))
+        .floor(aloneOn<FloorLocked>(kBytes, kBytes))
+        .shown("gcl::FifoBuffer", kCxxLayer, aloneOn<Cxx<kBytes>>(kBytes, eTaskingModeMutex));
+    if (kBytes > sizeof(uintptr_t)) {
+        return; // the peers hand over pointers
     }
+    waiting.peer("GAsyncQueue", 0.6, aloneOn<GlibQueue>(kBytes))
+        .peer("ACE_Message_Queue", 0.3, aloneOn<AceQueue>(kBytes))
+        .peer("apr_queue", 1.0, aloneOn<AprQueue>(kBytes))
+        .shown("boost::sync_bounded_queue", kInlined, aloneOn<BoostBounded>(kBytes))
+        .shown("boost::lockfree::queue", "lock-free, does not block",
+               aloneOn<BoostLockFree>(kBytes));
+    unprotected.shown("GQueue", "allocates, has no bound", aloneOn<GlibList>(kBytes))
+        .shown("boost::circular_buffer", kInlined, aloneOn<BoostRing>(kBytes));
+    locked.peer("mutex and ring", aloneOn<BoostRingWithMutex>(kBytes));
 }
 
 void addBetween()
@@ -346,6 +371,8 @@ void addBetween()
             .rounds(1)
             .ours(betweenOn<Ours>(threads, eTaskingModeSemaphore, uint32_t{sizeof(uintptr_t)}))
             .floor(betweenOn<FloorWaiting>(threads, uint32_t{sizeof(uintptr_t)}))
+            .shown("gcl::FifoBuffer", kCxxLayer,
+                   betweenOn<Cxx<sizeof(uintptr_t)>>(threads, eTaskingModeSemaphore))
             .peer("ACE_Message_Queue", betweenOn<AceQueue>(threads))
             .peer("apr_queue", betweenOn<AprQueue>(threads))
             .shown("GAsyncQueue", "has no bound", betweenOn<GlibQueue>(threads))
@@ -362,6 +389,9 @@ void bench::addCases()
     // The C library spares a process of one thread some of the cost of locks.
     std::thread([] {}).join();
     apr_initialize();
-    addAlone();
+    addAlone<8>();
+    addAlone<64>();
+    addAlone<256>();
+    addAlone<1024>();
     addBetween();
 }

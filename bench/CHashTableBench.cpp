@@ -17,6 +17,7 @@
 #include <uthash.h>
 #include <vector>
 
+#include "Framework/GCL/cxx/HashTable.h"
 #include "bench/floor/CHashTableFloor.h"
 #include "bench/support/Bench.h"
 
@@ -52,6 +53,28 @@ public:
 
 private:
     CHashTable table{};
+};
+
+class Cxx {
+public:
+    void set(const std::string& key, unsigned long value)
+    {
+        static_cast<void>(table.set(key.c_str(), value));
+    }
+    unsigned long get(const std::string& key)
+    {
+        unsigned long value = 0;
+        static_cast<void>(table.get(key.c_str(), value));
+        return value;
+    }
+    void unset(const std::string& key)
+    {
+        unsigned long value = 0;
+        static_cast<void>(table.unset(key.c_str(), value));
+    }
+
+private:
+    gcl::HashTable<unsigned long> table{kBuckets};
 };
 
 class Floor {
@@ -370,6 +393,8 @@ void addSides(bench::Case& sides, const Measure& measure, bool insertsShortKey)
     };
     sides.ours(side(static_cast<Ours*>(nullptr)))
         .floor(side(static_cast<Floor*>(nullptr)))
+        .shown("gcl::HashTable", "the C++ layer, which calls the same functions",
+               side(static_cast<Cxx*>(nullptr)))
         .peer("GHashTable", side(static_cast<Glib*>(nullptr)))
         .peer("uthash (inlined)", side(static_cast<Uthash*>(nullptr)))
         .peer("std::unordered_map (inlined)", side(static_cast<Std*>(nullptr)))

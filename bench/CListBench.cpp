@@ -5,6 +5,7 @@
 #include <glib.h>
 #include <list>
 
+#include "Framework/GCL/cxx/List.h"
 #include "bench/floor/CListFloor.h"
 #include "bench/support/Bench.h"
 
@@ -50,6 +51,41 @@ public:
 
 private:
     CList list;
+};
+
+// The C++ layer, by the calls that it shares with the plain interface.
+class Cxx {
+public:
+    void pushHead(unsigned long item) { static_cast<void>(list.pushHead(item)); }
+    void pushTail(unsigned long item) { static_cast<void>(list.pushTail(item)); }
+    unsigned long popHead()
+    {
+        unsigned long item = 0;
+        static_cast<void>(list.popHead(item));
+        return item;
+    }
+    unsigned long sum()
+    {
+        unsigned long sum = 0;
+        unsigned long item = 0;
+        gcl::ListPosition position = nullptr;
+        static_cast<void>(list.startIterationFromHead(position));
+        for (uint32_t result = 0; result == 0;) {
+            result = list.getNext(item, position).code();
+            sum += item;
+        }
+        return sum;
+    }
+    bool contains(unsigned long item) { return list.itemExists(item); }
+    bool find(unsigned long item)
+    {
+        gcl::ListPosition position = nullptr;
+        return list.findIf([&](unsigned long of) { return of == item; }, position);
+    }
+    void remove(unsigned long item) { static_cast<void>(list.remove(item)); }
+
+private:
+    gcl::List<unsigned long> list;
 };
 
 class Floor {
@@ -282,13 +318,14 @@ enum class Peers { Both, Glib, None };
 using Measure = void (*)(benchmark::State&, unsigned long);
 
 void add(const char* operation, bench::Targets targets, unsigned long length, Measure ours,
-         Measure floor, Measure glib, Measure std, Peers peers)
+         Measure floor, Measure cxx, Measure glib, Measure std, Peers peers)
 {
     const auto side = [length](Measure measure) {
         return [=](benchmark::State& state) { measure(state, length); };
     };
     bench::Case sides(operation, targets);
     sides.at("length", static_cast<double>(length)).ours(side(ours)).floor(side(floor));
+    sides.shown("gcl::List", "the C++ layer, which calls the same functions", side(cxx));
     if (peers == Peers::None) {
         sides.shown("GQueue", "its caller follows the links", side(glib));
     } else {
@@ -307,20 +344,21 @@ void bench::addCases()
 {
     for (const unsigned long length : {1UL, 16UL, 256UL, 1024UL}) {
         add("CList_PushTail, CList_PopHead", {1.05, 1.0}, length, queue<Ours>, queue<Floor>,
-            queue<Glib>, queue<Std>, Peers::Both);
+            queue<Cxx>, queue<Glib>, queue<Std>, Peers::Both);
         add("CList_PushHead, CList_PopHead", {1.05, 1.0}, length, stack<Ours>, stack<Floor>,
-            stack<Glib>, stack<Std>, Peers::Both);
+            stack<Cxx>, stack<Glib>, stack<Std>, Peers::Both);
     }
     for (const unsigned long length : {4UL, 16UL, 64UL, 256UL, 1024UL}) {
-        add("CList_GetNext", {1.0, 0}, length, walk<Ours>, walk<Floor>, walk<Glib>, walk<Std>,
-            Peers::None);
-        add("CList_ItemExists", {1.05, 1.0}, length, contains<Ours>, contains<Floor>,
+        add("CList_GetNext", {1.0, 0}, length, walk<Ours>, walk<Floor>, walk<Cxx>, walk<Glib>,
+            walk<Std>, Peers::None);
+        add("CList_ItemExists", {1.05, 1.0}, length, contains<Ours>, contains<Floor>, contains<Cxx>,
             contains<Glib>, contains<Std>, Peers::Both);
-        add("CList_Find", {1.05, 1.0}, length, find<Ours>, find<Floor>, find<Glib>, find<Std>,
-            Peers::Glib);
+        add("CList_Find", {1.05, 1.0}, length, find<Ours>, find<Floor>, find<Cxx>, find<Glib>,
+            find<Std>, Peers::Glib);
         add("CList_Remove of an absent item", {1.05, 0}, length, removeAbsent<Ours>,
-            removeAbsent<Floor>, removeAbsent<Glib>, removeAbsent<Std>, Peers::Both);
+            removeAbsent<Floor>, removeAbsent<Cxx>, removeAbsent<Glib>, removeAbsent<Std>,
+            Peers::Both);
         add("CList_Remove, CList_PushTail", {1.05, 0}, length, removeOne<Ours>, removeOne<Floor>,
-            removeOne<Glib>, removeOne<Std>, Peers::Both);
+            removeOne<Cxx>, removeOne<Glib>, removeOne<Std>, Peers::Both);
     }
 }

@@ -3,6 +3,7 @@
 #include "Framework/GCL/CTimer.h"
 
 #include <glib.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <sys/timerfd.h>
 #include <time.h>
@@ -12,8 +13,10 @@
 #include <algorithm>
 #include <atomic>
 #include <boost/asio.hpp>
+#include <deque>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "bench/floor/CTimerFloor.h"
 #include "bench/support/Bench.h"
@@ -24,7 +27,11 @@ constexpr int kDelayMs = 1;
 constexpr int64_t kNsPerMs = 1'000'000;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int kHourMs = 3600 * 1000;
+constexpr int kDelayOfManyMs = 10;
 constexpr char kNoThread[] = "no thread to hand over to";
+constexpr char kEarly[] = "counts whole milliseconds, may be early";
+constexpr char kOneThread[] = "one thread for all";
+constexpr char kOneThreadAndEarly[] = "one thread for all, may be early";
 
 int64_t nowNs()
 {
@@ -62,12 +69,19 @@ void note(void* expiry)
     static_cast<Expiry*>(expiry)->note();
 }
 
-// The timers. Each calls the expiry's note on a thread of its own, once for each start; those that
-// are told to stop do not.
+// The timers. Each calls the expiry's note once for each start, on a thread of its own or on that
+// of a loop, which it shares with the others of its kind; those that are told to stop do not.
+
+// What needs no loop.
+struct NoLoop {
+    void run() {}
+    void end() {}
+};
 
 class Ours {
 public:
-    explicit Ours(Expiry& expiry) : timer(note, &expiry, "bench", CTimer::NonCyclic) {}
+    using Loop = NoLoop;
+    Ours(Loop&, Expiry& expiry) : timer(note, &expiry, "bench", CTimer::NonCyclic) {}
     bool start(int ms) { return timer.start(std::chrono::milliseconds(ms)); }
     void stop() { timer.stop(); }
 
@@ -77,7 +91,8 @@ private:
 
 class Floor {
 public:
-    explicit Floor(Expiry& expiry) : timer(floorTimerCreate(note, &expiry)) {}
+    using Loop = NoLoop;
+    Floor(Loop&, Expiry& expiry) : timer(floorTimerCreate(note, &expiry)) {}
     ~Floor() { floorTimerDestroy(timer); }
     Floor(const Floor&) = delete;
     Floor& operator=(const Floor&) = delete;
@@ -91,7 +106,8 @@ private:
 
 class TimerFd {
 public:
-    explicit TimerFd(Expiry& expiry)
+    using Loop = NoLoop;
+    TimerFd(Loop&, Expiry& expiry)
         : descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)), thread([this, &expiry] {
               uint64_t count = 0;
               while (read(descriptor, &count, sizeof count) == sizeof count && !ending) {
@@ -130,14 +146,22 @@ private:
 
 class Asio {
 public:
-    explicit Asio(Expiry& expiryToNote) : expiry(expiryToNote) {}
-    ~Asio()
-    {
-        context.stop();
-        thread.join();
-    }
-    Asio(const Asio&) = delete;
-    Asio& operator=(const Asio&) = delete;
+    struct Loop {
+        void run()
+        {
+            thread = std::thread([this] { context.run(); });
+        }
+        void end()
+        {
+            context.stop();
+            thread.join();
+        }
+        boost::asio::io_context context{2};
+        boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{
+            context.get_executor()};
+        std::thread thread;
+    };
+    Asio(Loop& loop, Expiry& expiryToNote) : expiry(expiryToNote), timer(loop.context) {}
 
     bool start(int ms)
     {
@@ -153,26 +177,46 @@ public:
 
 private:
     Expiry& expiry;
-    boost::asio::io_context context{2};
-    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{
-        context.get_executor()};
-    boost::asio::steady_timer timer{context};
-    std::thread thread{[this] { context.run(); }};
+    boost::asio::steady_timer timer;
 };
 
 // The loop belongs to its thread, which is told by a message to arm the timer.
 class LibUv {
 public:
-    explicit LibUv(Expiry& expiryToNote) : expiry(expiryToNote)
+    struct Loop {
+        Loop()
+        {
+            uv_loop_init(&loop);
+            uv_async_init(&loop, &quit, [](uv_async_t* async) { uv_stop(async->loop); });
+        }
+        ~Loop()
+        {
+            uv_close(reinterpret_cast<uv_handle_t*>(&quit), nullptr);
+            uv_run(&loop, UV_RUN_DEFAULT);
+            uv_loop_close(&loop);
+        }
+        Loop(const Loop&) = delete;
+        Loop& operator=(const Loop&) = delete;
+
+        void run()
+        {
+            thread = std::thread([this] { uv_run(&loop, UV_RUN_DEFAULT); });
+        }
+        void end()
+        {
+            uv_async_send(&quit);
+            thread.join();
+        }
+        uv_loop_t loop;
+        uv_async_t quit;
+        std::thread thread;
+    };
+
+    LibUv(Loop& loopOfAll, Expiry& expiryToNote) : expiry(expiryToNote), loop(loopOfAll.loop)
     {
-        uv_loop_init(&loop);
         uv_timer_init(&loop, &timer);
         uv_async_init(&loop, &wake, [](uv_async_t* async) {
             auto* const self = static_cast<LibUv*>(async->data);
-            if (self->ending) {
-                uv_stop(&self->loop);
-                return;
-            }
             uv_update_time(&self->loop);
             uv_timer_start(
                 &self->timer,
@@ -181,17 +225,13 @@ public:
         });
         wake.data = this;
         timer.data = this;
-        thread = std::thread([this] { uv_run(&loop, UV_RUN_DEFAULT); });
     }
+    // The loop's thread has ended; the handles must be gone before their memory is.
     ~LibUv()
     {
-        ending = true;
-        uv_async_send(&wake);
-        thread.join();
         uv_close(reinterpret_cast<uv_handle_t*>(&wake), nullptr);
         uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
-        uv_run(&loop, UV_RUN_DEFAULT);
-        uv_loop_close(&loop);
+        uv_run(&loop, UV_RUN_NOWAIT);
     }
     LibUv(const LibUv&) = delete;
     LibUv& operator=(const LibUv&) = delete;
@@ -204,35 +244,46 @@ public:
 
 private:
     Expiry& expiry;
-    uv_loop_t loop;
+    uv_loop_t& loop;
     uv_timer_t timer;
     uv_async_t wake;
-    std::atomic<bool> ending{false};
     std::atomic<uint64_t> delayMs{0};
-    std::thread thread;
 };
 
 class Glib {
 public:
-    explicit Glib(Expiry& expiryToNote) : expiry(expiryToNote) {}
-    ~Glib()
-    {
-        // From inside the loop: one that does not run yet cannot be told to end.
-        GSource* const end = g_idle_source_new();
-        g_source_set_callback(
-            end,
-            [](gpointer running) -> gboolean {
-                g_main_loop_quit(static_cast<GMainLoop*>(running));
-                return G_SOURCE_REMOVE;
-            },
-            loop, nullptr);
-        g_source_attach(end, context);
-        g_source_unref(end);
-        thread.join();
-        stop();
-        g_main_loop_unref(loop);
-        g_main_context_unref(context);
-    }
+    struct Loop {
+        ~Loop()
+        {
+            g_main_loop_unref(loop);
+            g_main_context_unref(context);
+        }
+        void run()
+        {
+            thread = std::thread([this] { g_main_loop_run(loop); });
+        }
+        void end()
+        {
+            // From inside the loop: one that does not run yet cannot be told to end.
+            GSource* const last = g_idle_source_new();
+            g_source_set_callback(
+                last,
+                [](gpointer running) -> gboolean {
+                    g_main_loop_quit(static_cast<GMainLoop*>(running));
+                    return G_SOURCE_REMOVE;
+                },
+                loop, nullptr);
+            g_source_attach(last, context);
+            g_source_unref(last);
+            thread.join();
+        }
+        GMainContext* context = g_main_context_new();
+        GMainLoop* loop = g_main_loop_new(context, FALSE);
+        std::thread thread;
+    };
+
+    Glib(Loop& loop, Expiry& expiryToNote) : expiry(expiryToNote), context(loop.context) {}
+    ~Glib() { stop(); }
     Glib(const Glib&) = delete;
     Glib& operator=(const Glib&) = delete;
 
@@ -260,10 +311,32 @@ public:
 
 private:
     Expiry& expiry;
-    GMainContext* context = g_main_context_new();
-    GMainLoop* loop = g_main_loop_new(context, FALSE);
+    GMainContext* context;
     GSource* source = nullptr;
-    std::thread thread{[this] { g_main_loop_run(loop); }};
+};
+
+// Timers of one kind, each with its expiry.
+template <typename Timer>
+class Timers {
+public:
+    explicit Timers(size_t count)
+    {
+        for (size_t i = 0; i < count; ++i) {
+            timers.emplace_back(loop, expiries.emplace_back());
+        }
+        loop.run();
+    }
+    ~Timers() { loop.end(); }
+    Timers(const Timers&) = delete;
+    Timers& operator=(const Timers&) = delete;
+
+    Timer& operator[](size_t i) { return timers[i]; }
+    Expiry& expiryOf(size_t i) { return expiries[i]; }
+
+private:
+    typename Timer::Loop loop;
+    std::deque<Expiry> expiries;
+    std::deque<Timer> timers;
 };
 
 // A round starts a timer for an hour and stops it; from the second on, the start of ours waits for
@@ -271,36 +344,72 @@ private:
 template <typename Timer>
 void startAndStop(benchmark::State& state)
 {
-    Expiry expiry;
-    Timer timer(expiry);
+    Timers<Timer> timers(1);
     for (auto _ : state) {
-        timer.start(kHourMs);
-        timer.stop();
+        timers[0].start(kHourMs);
+        timers[0].stop();
     }
     bench::setOperations(state, 1);
 }
 
-// A round is one expiry; its time is by how much it was late.
+// In a round as many timers are started, one after the other, and expire; its time is by how much
+// they were late on average.
 template <typename Timer, bool mayBeEarly = false>
-void lateness(benchmark::State& state)
+bench::Side lateness(size_t count, int delayMs)
 {
-    Expiry expiry;
-    Timer timer(expiry);
-    bench::Rounds rounds;
-    bool early = false;
-    for (auto _ : state) {
-        // A worker that has not ended its last run refuses.
-        int64_t dueNs = nowNs() + kDelayMs * kNsPerMs;
-        while (!timer.start(kDelayMs)) {
-            std::this_thread::yield();
-            dueNs = nowNs() + kDelayMs * kNsPerMs;
+    return [=](benchmark::State& state) {
+        Timers<Timer> timers(count);
+        std::vector<int64_t> dueNs(count);
+        bench::Rounds rounds;
+        bool early = false;
+        for (auto _ : state) {
+            for (size_t i = 0; i < count; ++i) {
+                // A worker that has not ended its last run refuses.
+                do {
+                    dueNs[i] = nowNs() + delayMs * kNsPerMs;
+                } while (!timers[i].start(delayMs) && sched_yield() == 0);
+            }
+            int64_t sumNs = 0;
+            for (size_t i = count; i-- > 0;) { // the last one first, so that it wakes us for all
+                const int64_t lateNs = timers.expiryOf(i).wait() - dueNs[i];
+                early = early || (lateNs < 0 && !mayBeEarly);
+                sumNs += std::max<int64_t>(lateNs, 0);
+            }
+            rounds.add(state, static_cast<double>(sumNs) / static_cast<double>(count) /
+                                  static_cast<double>(kNsPerSecond));
         }
-        const int64_t lateNs = expiry.wait() - dueNs;
-        early = early || (lateNs < 0 && !mayBeEarly);
-        rounds.add(state, static_cast<double>(std::max<int64_t>(lateNs, 0)) / kNsPerSecond);
-    }
-    bench::require(state, !early, "the timer expired early");
-    rounds.finish(state, 1);
+        bench::require(state, !early, "a timer expired early");
+        rounds.finish(state, 1);
+    };
+}
+
+void addLateness()
+{
+    bench::Case("Timer, lateness", {1.05, 0})
+        .at("delay in ms", kDelayMs)
+        .manualTime()
+        .rounds(60)
+        .ours(lateness<Ours>(1, kDelayMs))
+        .floor(lateness<Floor>(1, kDelayMs))
+        .peer("timerfd", 1.1, lateness<TimerFd>(1, kDelayMs))
+        .peer("Asio", 1.0, lateness<Asio>(1, kDelayMs))
+        .peer("GLib", 1.0, lateness<Glib>(1, kDelayMs))
+        .shown("libuv", kEarly, lateness<LibUv, true>(1, kDelayMs));
+}
+
+// The delay is longer than the starting of them all takes, so that they all run at once.
+void addLatenessOf(size_t count)
+{
+    bench::Case("Timers at once, lateness", {1.05, 0})
+        .at("timers", static_cast<double>(count))
+        .manualTime()
+        .rounds(20)
+        .ours(lateness<Ours>(count, kDelayOfManyMs))
+        .floor(lateness<Floor>(count, kDelayOfManyMs))
+        .peer("timerfd", 1.1, lateness<TimerFd>(count, kDelayOfManyMs))
+        .shown("Asio", kOneThread, lateness<Asio>(count, kDelayOfManyMs))
+        .shown("GLib", kOneThread, lateness<Glib>(count, kDelayOfManyMs))
+        .shown("libuv", kOneThreadAndEarly, lateness<LibUv, true>(count, kDelayOfManyMs));
 }
 
 } // namespace
@@ -315,14 +424,8 @@ void bench::addCases()
         .shown("timerfd", kNoThread, startAndStop<TimerFd>)
         .shown("Asio", kNoThread, startAndStop<Asio>)
         .shown("GLib", "wakes its loop, awaits no acknowledgement", startAndStop<Glib>);
-    bench::Case("Timer, lateness", {1.05, 0})
-        .at("delay in ms", kDelayMs)
-        .manualTime()
-        .rounds(60)
-        .ours(lateness<Ours>)
-        .floor(lateness<Floor>)
-        .peer("timerfd", 1.1, lateness<TimerFd>)
-        .peer("Asio", 1.0, lateness<Asio>)
-        .peer("GLib", 1.0, lateness<Glib>)
-        .shown("libuv", "counts whole milliseconds, may be early", lateness<LibUv, true>);
+    addLateness();
+    for (const size_t count : {1, 10, 50, 100, 200, 400}) {
+        addLatenessOf(count);
+    }
 }

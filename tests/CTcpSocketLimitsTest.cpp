@@ -15,8 +15,9 @@
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
+#include "tests/support/Sanitizers.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(GCLTEST_ADDRESS_SANITIZER) || defined(GCLTEST_THREAD_SANITIZER)
 #define HAS_SANITIZER 1
 #else
 #define HAS_SANITIZER 0
@@ -117,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(CTcpSocket, Limits, testing::Values(1022, 1023, 1024, 1
 
 TEST(CTcpSocketStack, HoldsAScratchThatFits)
 {
-#ifdef __SANITIZE_THREAD__
+#ifdef GCLTEST_THREAD_SANITIZER
     GTEST_SKIP() << "the sanitizer keeps data of its own, larger than that, on a thread's stack";
 #endif
     EXPECT_TRUE(readsOnSmallStack(kStackSize / 2));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Framework/GCL/CTimer.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TimerSupport.h"
 
 using gcltest::eventually;
@@ -42,7 +43,7 @@ TEST(CTimerStress, ATimerOfAStaticObjectWorks)
 }
 
 // ThreadSanitizer and AddressSanitizer are not ready at that time themselves.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(GCLTEST_ADDRESS_SANITIZER) && !defined(GCLTEST_THREAD_SANITIZER)
 
 // Runs before the library's own objects are built.
 int beforeTheTraceObject = 0;

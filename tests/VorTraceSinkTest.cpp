@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Sanitizers.h"
+
 namespace {
 
 using Environment = std::map<std::string, std::string>;
@@ -500,7 +502,7 @@ TEST(VorTraceSinkThreads, MayForkWhileOthersReport)
 
 TEST(VorTraceSinkThreads, MayForkWhileABadVariableIsNamed)
 {
-#ifdef __SANITIZE_THREAD__
+#ifdef GCLTEST_THREAD_SANITIZER
     GTEST_SKIP() << "ThreadSanitizer's pthread_once does not begin anew in a child process";
 #endif
     const Outcome outcome = run("forkWhileComplaining", {{"VT_LEVELS", "bad"}});
@@ -738,4 +740,46 @@ TEST(VorTraceSinkFailingOutput, EveryResultOfWrite)
 {
     const Outcome outcome = run("writeResults");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+}
+
+TEST(VorTraceSinkFailingOutput, FileAtItsSizeLimitKeepsAPendingSignal)
+{
+    const Folder folder;
+    expectAlive("fileAtItsLimitKeepsAPendingSignal", {{"VT_OUTPUT", folder / "log"}});
+    EXPECT_EQ(contentOf(folder / "log").size(), 10u);
+}
+
+TEST(VorTraceSinkLimits, WithoutMemoryCutLongMessagesUntilThereIsSomeAgain)
+{
+#if defined(GCLTEST_ADDRESS_SANITIZER) || defined(GCLTEST_THREAD_SANITIZER)
+    GTEST_SKIP() << "the sanitizer takes most of the address space for itself";
+#endif
+    if (*SINKPROBE_EMULATOR != '\0') {
+        GTEST_SKIP() << "the emulator does not limit the address space";
+    }
+    const Lines rests = restsOf("memoryExhausted");
+    ASSERT_EQ(rests.size(), 4u);
+    EXPECT_EQ(rests[0], onChannel("warm"));
+    EXPECT_EQ(rests[1], onChannel("short"));
+    EXPECT_EQ(rests[2].substr(0, 900), onChannel(std::string(3000, 'x')).substr(0, 900));
+    EXPECT_LT(rests[2].size(), 1100u);
+    EXPECT_EQ(rests[3], onChannel("whole again " + std::string(3000, 'x')));
+}
+
+TEST(VorTraceSinkLimits, WithoutDescriptorsStandardErrorIsUsedInsteadOfAFile)
+{
+#ifdef GCLTEST_ADDRESS_SANITIZER
+    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors for its own checks";
+#endif
+    const Folder folder;
+    const std::string path = folder / "log";
+    const Outcome outcome = run("descriptorsExhausted", {{"VT_OUTPUT", path}});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    const Lines lines = linesOf(outcome.err);
+    ASSERT_EQ(lines.size(), 3u) << outcome.err;
+    EXPECT_EQ(lines[0], "VorTrace: VT_OUTPUT: \"" + path +
+                            "\" cannot be opened (errno: 24), standard error is used");
+    EXPECT_EQ(parse(lines[1]).rest, onChannel("without descriptors"));
+    EXPECT_EQ(parse(lines[2]).rest, onChannel("with descriptors"));
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
 }

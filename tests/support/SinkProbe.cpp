@@ -31,6 +31,7 @@
 #include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/VT/VT.h"
 #include "Framework/VT/VorTrace.h"
+#include "tests/support/Limit.h"
 
 using gcltest::Count;
 using gcltest::Failure;
@@ -296,6 +297,35 @@ void growthFails()
         VT_endImpl(&channel);
     }
     say("whole again " + text);
+}
+
+// By the system's own limits, what other scenarios do by faults.
+void memoryExhausted()
+{
+    const std::string filling(3000, 'x');
+    say("warm");
+    {
+        const gcltest::NoMemory noMemory;
+        say("short");
+        say(filling);
+        const VorTrace trace("KIV.NONE", VorTraceLevel3);
+        CHECK(!trace.hasImpl());
+    }
+    say("whole again " + filling);
+    const VorTrace trace("KIV.NONE", VorTraceLevel3);
+    CHECK(trace.hasImpl());
+}
+
+// The file cannot be opened, and is not tried again.
+void descriptorsExhausted()
+{
+    const int next = dup(STDIN_FILENO);
+    CHECK(next >= 0 && close(next) == 0);
+    {
+        const gcltest::Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next));
+        say("without descriptors");
+    }
+    say("with descriptors");
 }
 
 // The C++ library's operator new[] may be made of its operator new, which counts as well. While it
@@ -702,6 +732,27 @@ void fileAtItsLimit()
     say(std::string(200, 'x')); // in part
     say("lost");
     CHECK(setrlimit(RLIMIT_FSIZE, &before) == 0); // the process may have files of its own to write
+    printf("alive\n");
+}
+
+// As brokenPipeKeepsAPendingSignal, with the signal of the file at its limit.
+void fileAtItsLimitKeepsAPendingSignal()
+{
+    sigset_t limitOnly;
+    sigemptyset(&limitOnly);
+    sigaddset(&limitOnly, SIGXFSZ);
+    CHECK(pthread_sigmask(SIG_BLOCK, &limitOnly, nullptr) == 0);
+    CHECK(raise(SIGXFSZ) == 0);
+    rlimit before = {};
+    CHECK(getrlimit(RLIMIT_FSIZE, &before) == 0);
+    const rlimit limit = {10, before.rlim_max};
+    CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    say("in part"); // the second write of the line raises the signal
+    say("lost");
+    CHECK(setrlimit(RLIMIT_FSIZE, &before) == 0);
+    sigset_t set;
+    CHECK(sigpending(&set) == 0 && sigismember(&set, SIGXFSZ) == 1);
+    CHECK(pthread_sigmask(SIG_BLOCK, nullptr, &set) == 0 && sigismember(&set, SIGXFSZ) == 1);
     printf("alive\n");
 }
 
@@ -1116,9 +1167,11 @@ const std::map<std::string, void (*)()>& scenarios()
         {"cancellation", cancellation},
         {"closedStderr", closedStderr},
         {"complaintWithoutMemory", complaintWithoutMemory},
+        {"descriptorsExhausted", descriptorsExhausted},
         {"endingThreads", endingThreads},
         {"errnoIsKept", errnoIsKept},
         {"fileAtItsLimit", fileAtItsLimit},
+        {"fileAtItsLimitKeepsAPendingSignal", fileAtItsLimitKeepsAPendingSignal},
         {"fileIsClosedOnExec", fileIsClosedOnExec},
         {"fileKeepsOffStandardStreams", fileKeepsOffStandardStreams},
         {"forkWhileComplaining", forkWhileComplaining},
@@ -1137,6 +1190,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"levelsWithoutMemory", levelsWithoutMemory},
         {"manyKeys", manyKeys},
         {"manyThreads", manyThreads},
+        {"memoryExhausted", memoryExhausted},
         {"newlines", newlines},
         {"noImpl", noImpl},
         {"nothing", nothing},

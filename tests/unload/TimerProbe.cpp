@@ -1,7 +1,8 @@
 // What becomes of timers that are left over when the library is unloaded or the process ends. The
 // program is not linked to the library: a plug-in brings it.
 //
-//     TimerProbe <plug-in> idle|running|fresh|loading|silent|exit
+//     TimerProbe <plug-in>
+//         idle|running|stopped|fresh|loading|silent|exit|exit-callback|exit-thread|fork
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "Framework/GCL/ICTimer.h"
 #include "Framework/GCL/testing/TraceCapture.h"
 
 namespace {
@@ -201,16 +203,117 @@ int exitRunning(const char* path)
     });
 }
 
+// The process is ended by a callback, on its worker, while other timers run.
+int exitFromCallback(const char* path)
+{
+    return inChildren(15, 7, [path](int) {
+        load(path);
+        startTimers(4);
+        const std::function<void(void*)> leave = [](void*) {
+            static std::atomic<bool> first{true}; // exit is called once
+            if (first.exchange(false)) {
+                std::exit(7);
+            }
+        };
+        functionOf<void*(const std::function<void(void*)>*, void*, int)>("startTimer")(&leave,
+                                                                                       nullptr, 1);
+        std::this_thread::sleep_for(std::chrono::seconds(60));
+        std::_Exit(1);
+    });
+}
+
+// The process is ended by a thread that is neither the first one nor a worker.
+int exitFromThread(const char* path)
+{
+    return inChildren(15, 7, [path](int) {
+        load(path);
+        startTimers(8);
+        std::thread([] { std::exit(7); }).detach();
+        std::this_thread::sleep_for(std::chrono::seconds(60));
+        std::_Exit(1);
+    });
+}
+
+// The program is not linked to the library, which has what clang's check of an object's type needs.
+#define NO_TYPE_CHECK __attribute__((no_sanitize("vptr")))
+
+NO_TYPE_CHECK void stopTimer(void* timer)
+{
+    static_cast<ICTimer*>(timer)->stop();
+}
+
+NO_TYPE_CHECK bool restartTimer(void* timer)
+{
+    return static_cast<ICTimer*>(timer)->start(std::chrono::milliseconds(1));
+}
+
+// Timers that stand still keep the library as well: they can be started, and destroyed.
+int unloadStopped()
+{
+    startTimers(2);
+    for (void* const timer : *timers) {
+        stopTimer(timer);
+    }
+    dlclose(plugin);
+    if (!libraryIsMapped()) {
+        fail("the library was unloaded under its workers");
+    }
+    const int before = counters().calls;
+    for (void* const timer : *timers) {
+        if (!restartTimer(timer)) {
+            fail("a stopped timer does not start");
+        }
+    }
+    for (int i = 0; i < 20'000 && counters().calls < before + 6; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (counters().calls < before + 6) {
+        fail("the timers do not run again");
+    }
+    return 0;
+}
+
+// Children of a process whose timers run may exec and _exit, and its timers run on.
+int forkRunning(const char* path)
+{
+    load(path);
+    startTimers(8);
+    inChildren(30, 7, [](int run) {
+        if (run % 2 == 0) {
+            std::_Exit(7);
+        }
+        execl("/bin/sh", "sh", "-c", "exit 7", static_cast<char*>(nullptr));
+        std::_Exit(1);
+    });
+    const int before = counters().calls;
+    for (int i = 0; i < 20'000 && counters().calls < before + 24; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (void* const timer : *timers) {
+        functionOf<void(void*)>("destroyTimer")(timer);
+    }
+    return counters().calls < before + 24 ? 1 : 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     if (argc != 3) {
-        fail("TimerProbe <plug-in> idle|running|fresh|loading|silent|exit");
+        fail("TimerProbe <plug-in> <mode>");
     }
     const std::string mode = argv[2];
     if (mode == "exit") {
         return exitRunning(argv[1]);
+    }
+    if (mode == "exit-callback") {
+        return exitFromCallback(argv[1]);
+    }
+    if (mode == "exit-thread") {
+        return exitFromThread(argv[1]);
+    }
+    if (mode == "fork") {
+        return forkRunning(argv[1]);
     }
     if (mode == "fresh") {
         return unloadFresh(argv[1]);
@@ -222,5 +325,8 @@ int main(int argc, char** argv)
         return runWhileLoading(argv[1]);
     }
     load(argv[1]);
+    if (mode == "stopped") {
+        return unloadStopped();
+    }
     return mode == "idle" ? unloadIdle() : unloadRunning();
 }

@@ -19,6 +19,8 @@
 
 namespace gcl {
 
+constexpr uint32_t kDjb2Start = 5381;
+
 constexpr uint32_t powerOf33(size_t exponent)
 {
     uint32_t power = 1;
@@ -57,34 +59,45 @@ inline uint32_t sumOf(uint64_t word)
     return static_cast<uint32_t>(fours) * powerOf33(4) + static_cast<uint32_t>(fours >> 32);
 }
 
-// Goes on from `hash` with the bytes from `key` to `end`, of which `length` bytes in front of `end`
-// belong to the key.
-template <typename Word>
-uint32_t djb2ByWords(uint32_t hash, const char* key, const char* end, size_t length)
+constexpr uint32_t kPowersOf33[] = {powerOf33(0), powerOf33(1), powerOf33(2), powerOf33(3),
+                                    powerOf33(4), powerOf33(5), powerOf33(6), powerOf33(7)};
+
+// A key of fewer than eight bytes. Four and more are gathered in a word from its first and its last
+// four, behind zeros, which count for nothing.
+inline uint32_t djb2OfShort(const char* key, size_t length)
 {
-    if (length < sizeof(Word)) {
-        for (; key != end; ++key) {
-            hash = hash * 33 + static_cast<unsigned char>(*key);
-        }
-        return hash;
+    uint32_t hash = kDjb2Start;
+    if (length >= 4) {
+        const uint64_t word = uint64_t{loadWord<uint32_t>(key)} << (64 - 8 * length) |
+                              uint64_t{loadWord<uint32_t>(key + length - 4)} << 32;
+        return hash * kPowersOf33[length] + sumOf(word);
     }
+    for (const char* const end = key + length; key != end; ++key) {
+        hash = hash * 33 + static_cast<unsigned char>(*key);
+    }
+    return hash;
+}
+
+// Goes on from `hash` with the bytes from `key` to `end`; a whole word in front of `end` belongs to
+// the key.
+template <typename Word>
+uint32_t djb2ByWords(uint32_t hash, const char* key, const char* end)
+{
     for (; end - key >= static_cast<ptrdiff_t>(sizeof(Word)); key += sizeof(Word)) {
         hash = hash * powerOf33(sizeof(Word)) + sumOf(loadWord<Word>(key));
     }
     if (key == end) {
         return hash;
     }
-    static constexpr uint32_t kPowers[] = {powerOf33(0), powerOf33(1), powerOf33(2), powerOf33(3),
-                                           powerOf33(4), powerOf33(5), powerOf33(6), powerOf33(7)};
     const auto rest = static_cast<size_t>(end - key);
     const Word uncounted = static_cast<Word>(~Word{0}) << (8 * (sizeof(Word) - rest));
-    return hash * kPowers[rest] + sumOf(loadWord<Word>(end - sizeof(Word)) & uncounted);
+    return hash * kPowersOf33[rest] + sumOf(loadWord<Word>(end - sizeof(Word)) & uncounted);
 }
 
 #ifdef __SSE2__
-// Two blocks of 16 bytes in a round, so that neither waits for the other. A lane's sums of four
-// bytes are kept apart, those at even places from those at odd ones: a multiplication of the lanes
-// takes the lower half of each and gives all of its product, of which the lower half counts.
+// Blocks of 16 bytes. A lane's sums of four bytes are kept apart, those at even places from those
+// at odd ones: a multiplication of the lanes takes the lower half of each and gives all of its
+// product, of which the lower half counts.
 struct Djb2Lanes {
     __m128i even = _mm_setzero_si128();
     __m128i odd = _mm_setzero_si128();
@@ -116,7 +129,8 @@ struct Djb2Lanes {
     }
 };
 
-// `length` is a multiple of 32.
+// `length` is a multiple of 32. Two blocks are taken in a round, so that neither waits for the
+// other.
 inline uint32_t djb2ByVectors(uint32_t hash, const char* key, size_t length)
 {
     Djb2Lanes first;
@@ -132,18 +146,30 @@ inline uint32_t djb2ByVectors(uint32_t hash, const char* key, size_t length)
 }
 #endif
 
+// Long keys part first and share no loop with shorter ones: one more branch on their way was
+// measured to cost more than the instructions that it spares.
 inline uint32_t djb2(const char* key, size_t length)
 {
-    uint32_t hash = 5381;
-    const char* next = key;
+    const char* const end = key + length;
+    uint32_t hash = kDjb2Start;
 #ifdef __SSE2__
     if (length >= 64) {
         const size_t vectors = length / 32 * 32;
         hash = djb2ByVectors(hash, key, vectors);
-        next += vectors;
+        return djb2ByWords<uintptr_t>(hash, key + vectors, end);
     }
 #endif
-    return djb2ByWords<uintptr_t>(hash, next, key + length, length);
+    if (length < sizeof(uintptr_t)) {
+        return djb2OfShort(key, length);
+    }
+#ifdef __SSE2__
+    for (; end - key >= 16; key += 16) {
+        Djb2Lanes block;
+        block.add(key);
+        hash = hash * powerOf33(16) + block.sum();
+    }
+#endif
+    return djb2ByWords<uintptr_t>(hash, key, end);
 }
 
 } // namespace gcl

@@ -1,0 +1,130 @@
+// Timers and FIFOs that are static objects of a program: built before the library's own objects or
+// after them, used by code that runs before main and after it has returned, destroyed last. Each
+// step writes a line; the run must end with 0 by itself.
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include "Framework/GCL/CFifoBuffer.h"
+#include "Framework/GCL/CTimer.h"
+#include "Framework/GCL/ResultCodes.h"
+
+namespace {
+
+// Straight to the descriptor: streams exist for a part of the time only.
+void say(const char* line)
+{
+    static_cast<void>(!write(STDOUT_FILENO, line, std::strlen(line)));
+}
+
+void check(bool holds, const char* what)
+{
+    if (!holds) {
+        say(what);
+        say(": no\n");
+        std::_Exit(1);
+    }
+}
+
+// A timer that calls back into a FIFO, and the FIFO: what a module has of both.
+class Module {
+public:
+    explicit Module(const char* name)
+    {
+        CFifoBuffer_Construct(&fifo, sizeof(int), 4, eTaskingModeSemaphore);
+        new (&timer) CTimer([this](void*) { deliver(); }, nullptr, name, CTimer::NonCyclic);
+    }
+    ~Module()
+    {
+        use("the last use, in the destructor");
+        // A cyclic wait is broken off, and the object that was moved from ends as well.
+        CTimer cyclic([](void*) {}, nullptr, "cyclic", CTimer::Cyclic);
+        check(cyclic.start(std::chrono::hours(1)), "the last start");
+        CTimer moved(std::move(cyclic));
+        timer.~CTimer();
+        CFifoBuffer_Destruct(&fifo);
+    }
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+
+    // The timer expires, and what its worker puts comes out here.
+    void use(const char* when)
+    {
+        const int before = sent;
+        while (timer.isRunning()) { // the last callback is about to return
+            std::this_thread::yield();
+        }
+        check(timer.start(std::chrono::milliseconds(1)), when);
+        int received = 0;
+        check(CFifoBuffer_Get(&fifo, &received) == GCL_OK, when);
+        check(received == before + 1, when);
+    }
+
+private:
+    void deliver()
+    {
+        const int next = ++sent;
+        check(CFifoBuffer_Put(&fifo, &next) == GCL_OK, "the callback's Put");
+    }
+
+    CFifoBuffer fifo = {};
+    std::atomic<int> sent{0};
+    union {
+        CTimer timer; // built after the FIFO, destroyed before it
+    };
+};
+
+// Before the objects of every shared library, the library's and the sink's included, and so
+// destroyed after them.
+alignas(Module) unsigned char earliest[sizeof(Module)];
+Module& earliestModule()
+{
+    return *std::launder(reinterpret_cast<Module*>(earliest));
+}
+void buildEarliest()
+{
+    new (earliest) Module("earliest");
+    earliestModule().use("before every library's objects");
+    say("built before every library's objects\n");
+    check(std::atexit([] {
+              earliestModule().~Module();
+              say("destroyed after every library's objects\n");
+          }) == 0,
+          "atexit");
+}
+__attribute__((section(".preinit_array"), used)) void (*const kBuildEarliest)() = buildEarliest;
+
+// A static object of the program.
+struct Usual {
+    Usual()
+    {
+        module.use("before main");
+        say("built before main\n");
+    }
+    ~Usual()
+    {
+        module.use("after main");
+        earliestModule().use("after main");
+        say("destroyed after main\n");
+    }
+    Module module{"usual"};
+} usual;
+
+} // namespace
+
+int main()
+{
+    usual.module.use("in main");
+    earliestModule().use("in main");
+    say("used in main\n");
+    // One that is made when it is first needed, and destroyed first.
+    static Module local("local");
+    local.use("in main");
+    return 0;
+}

@@ -1,0 +1,15 @@
+#!/bin/sh
+# Runs StaticObjects, which must end with 0 and say each of its steps.
+# Usage: check-static-objects.sh PROGRAM [EMULATOR...]
+set -eu
+program=$1
+shift
+said=$("$@" "$program")
+[ "$said" = "built before every library's objects
+built before main
+used in main
+destroyed after main
+destroyed after every library's objects" ] || {
+    printf '%s\n' "$said"
+    exit 1
+}
