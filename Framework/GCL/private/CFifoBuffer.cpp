@@ -6,6 +6,7 @@
 
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/private/DivideByZero.h"
+#include "Framework/GCL/private/ErrnoSaver.h"
 #include "Framework/GCL/private/Report.h"
 
 namespace {
@@ -88,7 +89,6 @@ unsigned char* slot(const CFifoBuffer& fifo, uint32_t index)
         break;
     default:
         std::memcpy(to, from, size);
-        break;
     }
 }
 
@@ -116,21 +116,21 @@ void dropOldest(CFifoBuffer& fifo)
 }
 
 // Waits for cpyMutex on behalf of a call that has taken `counted`, a free slot or an element. That
-// is given back where the lock cannot be had: the wait failed, with `error` the errno that it left,
-// or the thread was cancelled in it, which unwinds the stack from here.
-bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted, unsigned& error)
+// is given back where the lock cannot be had: the wait failed, whose errno stays, or the thread was
+// cancelled in it, which unwinds the stack from here.
+bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted)
 {
     struct GiveBack {
         sem_t* semaphore;
         ~GiveBack()
         {
             if (semaphore != nullptr) {
+                const gcl::ErrnoSaver errnoSaver;
                 static_cast<void>(sem_post(semaphore)); // nothing is left to do if even that fails
             }
         }
     } giveBack{&counted};
     if (sem_wait(&fifo.cpyMutex) != 0) {
-        error = lastError();
         return false;
     }
     giveBack.semaphore = nullptr;
@@ -147,10 +147,10 @@ bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted, unsigned& error)
                              "%s: sem_wait failed waiting for putSemaphore (errno: %u)", kPut,
                              lastError());
     }
-    unsigned error = 0;
-    if (!waitForCopyLock(fifo, fifo.putSemaphore, error)) {
+    if (!waitForCopyLock(fifo, fifo.putSemaphore)) {
         return GCL_REPORT_AS(kPut, GCL_SEMAPHORE_FAILED,
-                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kPut, error);
+                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kPut,
+                             lastError());
     }
     storeElement(fifo, element);
     // By contract: the element is in the ring, so the call succeeds whatever becomes of the posts,
@@ -175,10 +175,10 @@ bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted, unsigned& error)
                              "%s: sem_wait failed waiting for getSemaphore (errno: %u)", kGet,
                              lastError());
     }
-    unsigned error = 0;
-    if (!waitForCopyLock(fifo, fifo.getSemaphore, error)) {
+    if (!waitForCopyLock(fifo, fifo.getSemaphore)) {
         return GCL_REPORT_AS(kGet, GCL_SEMAPHORE_FAILED,
-                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kGet, error);
+                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kGet,
+                             lastError());
     }
     takeElement(fifo, element);
     // By contract: the element has been taken, so the call succeeds whatever becomes of the posts,
