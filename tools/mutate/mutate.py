@@ -12,7 +12,7 @@ compile is refused, and counts neither way.
 
 The tool fails where a survivor is not explained, where fewer than 95 of 100 changes of a module
 are killed, where an explanation fits no survivor any more, or where a test fails on the unchanged
-tree, before the changes or after them.
+tree: any before the changes, or after them one that has killed, in one of several runs.
 
 Verdicts are kept in build/mutation/verdicts. One holds as long as nothing has changed of what it
 rests on: the changed source, what it includes, and the module's tests with what they include.
@@ -514,7 +514,6 @@ class Workers:
         self.targets = ["KivGCL", "VorTrace", *programs]
         if "VorTraceSinkTest" in programs:
             self.targets.append("SinkProbe")
-        self.programs = programs
         self.all = [Worker(number) for number in range(count)]
         self.free: queue.Queue[Worker] = queue.Queue()
         for worker in self.all:
@@ -535,25 +534,21 @@ class Workers:
             for done in concurrent.futures.as_completed([pool.submit(one, i) for i in items]):
                 done.result()
 
-    def pass_unchanged(self, often: dict[str, set[str]]) -> dict[str, dict[str, float]] | None:
-        """The time that each case needs on the unchanged tree; none where one fails.
-
-        `often` holds cases of the programs that are to pass several times more.
-        """
+    def pass_unchanged(self, cases: dict[str, str],
+                       times: int = 1) -> dict[str, dict[str, float]] | None:
+        """The time that each case of these programs needs unchanged; none where one fails."""
         seconds: dict[str, dict[str, float]] = {}
         failed: list[str] = []
 
         def one(worker: Worker, program: str) -> None:
-            run = worker.run(program)
+            run = worker.run(program, only=cases[program], times=times)
             seconds[program] = run.seconds
-            if run.outcome == "passed" and program in often:
-                run = worker.run(program, only=":".join(often[program]), times=RUNS)
             if run.outcome != "passed":
                 failed.append(f"{program}: {run.case}")
 
         for worker in self.all:
             worker.ninja(self.targets, check=True)
-        self.each(self.programs, one)
+        self.each(list(cases), one)
         for case in failed:
             print(f"\non the unchanged tree a test fails: {case}", flush=True)
         return seconds if not failed else None
@@ -563,7 +558,7 @@ def judge_all(changes: list[Change], jobs: int, verdicts: Verdicts) -> None:
     """Adds the verdict on each change."""
     programs = sorted({p for change in changes for p in MODULES[change.module][1]})
     workers = Workers(min(jobs, len(changes)), programs)
-    usual = workers.pass_unchanged({})
+    usual = workers.pass_unchanged(dict.fromkeys(programs, "*"))
     if usual is None:
         sys.exit(1)
     lock = threading.Lock()
@@ -588,8 +583,8 @@ def judge_all(changes: list[Change], jobs: int, verdicts: Verdicts) -> None:
     for change in changes:
         verdict = verdicts.known[verdicts.keys[change]]
         if verdict.killed:
-            killers.setdefault(verdict.program, set()).add(verdict.case)
-    if workers.pass_unchanged(killers) is None:
+            killers.setdefault(verdict.program, set()).add(verdict.case or "*")
+    if workers.pass_unchanged({p: ":".join(c) for p, c in killers.items()}, RUNS) is None:
         verdicts.drop_new()
         sys.exit("the verdicts of this run are void")
 
