@@ -6,7 +6,6 @@
 
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/private/DivideByZero.h"
-#include "Framework/GCL/private/ErrnoSaver.h"
 #include "Framework/GCL/private/Report.h"
 
 namespace {
@@ -116,21 +115,21 @@ void dropOldest(CFifoBuffer& fifo)
 }
 
 // Waits for cpyMutex on behalf of a call that has taken `counted`, a free slot or an element. That
-// is given back where the lock cannot be had: the wait failed, whose errno stays, or the thread was
-// cancelled in it, which unwinds the stack from here.
-bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted)
+// is given back where the lock cannot be had: the wait failed, with `error` the errno that it left,
+// or the thread was cancelled in it, which unwinds the stack from here.
+bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted, unsigned& error)
 {
     struct GiveBack {
         sem_t* semaphore;
         ~GiveBack()
         {
             if (semaphore != nullptr) {
-                const gcl::ErrnoSaver errnoSaver;
                 static_cast<void>(sem_post(semaphore)); // nothing is left to do if even that fails
             }
         }
     } giveBack{&counted};
     if (sem_wait(&fifo.cpyMutex) != 0) {
+        error = lastError();
         return false;
     }
     giveBack.semaphore = nullptr;
@@ -147,10 +146,10 @@ bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted)
                              "%s: sem_wait failed waiting for putSemaphore (errno: %u)", kPut,
                              lastError());
     }
-    if (!waitForCopyLock(fifo, fifo.putSemaphore)) {
+    unsigned error = 0;
+    if (!waitForCopyLock(fifo, fifo.putSemaphore, error)) {
         return GCL_REPORT_AS(kPut, GCL_SEMAPHORE_FAILED,
-                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kPut,
-                             lastError());
+                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kPut, error);
     }
     storeElement(fifo, element);
     // By contract: the element is in the ring, so the call succeeds whatever becomes of the posts,
@@ -175,10 +174,10 @@ bool waitForCopyLock(CFifoBuffer& fifo, sem_t& counted)
                              "%s: sem_wait failed waiting for getSemaphore (errno: %u)", kGet,
                              lastError());
     }
-    if (!waitForCopyLock(fifo, fifo.getSemaphore)) {
+    unsigned error = 0;
+    if (!waitForCopyLock(fifo, fifo.getSemaphore, error)) {
         return GCL_REPORT_AS(kGet, GCL_SEMAPHORE_FAILED,
-                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kGet,
-                             lastError());
+                             "%s: sem_wait failed waiting for cpyMutex (errno: %u)", kGet, error);
     }
     takeElement(fifo, element);
     // By contract: the element has been taken, so the call succeeds whatever becomes of the posts,
