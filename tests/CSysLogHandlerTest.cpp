@@ -4,6 +4,7 @@
 
 #include <syslog.h>
 
+#include <cwchar>
 #include <map>
 #include <mutex>
 #include <string>
@@ -30,6 +31,13 @@ std::ostream& operator<<(std::ostream& out, const Entry& entry)
 {
     return out << entry.priority << " " << entry.text;
 }
+
+// The log level before any case has set it.
+const uint32_t levelAtStart = [] {
+    uint32_t level = 0;
+    CSysLogHandler_GetLogLevel(&level);
+    return level;
+}();
 
 // Collects what would go to the system log.
 class CSysLogHandlerLog : public testing::Test {
@@ -135,6 +143,17 @@ TEST_F(CSysLogHandlerLog, CutsAMessageAfter383Characters)
     }
 }
 
+TEST_F(CSysLogHandlerLog, WritesTheLineAlsoWhereTheMessageCannotBeFormatted)
+{
+    // No multibyte character stands for this wide one.
+    CSysLogHandler_Log("L", "f", 1, 0x8000, "before %lc after", static_cast<wint_t>(0x7FFFFFFF));
+    const gcltest::Fault fault(calls::vsnprintf, calls::vsnprintf.failure()); // writes nothing
+    CSysLogHandler_Log("L", "f", 1, 0x8000, "text");
+    EXPECT_EQ(fault.failures(), 1u);
+    EXPECT_EQ(entries, (std::vector<Entry>{{3, "L: f (1): before , code: 8000\n"},
+                                           {3, "L: f (1): , code: 8000\n"}}));
+}
+
 TEST_F(CSysLogHandlerLog, PrintsPercentSignsOfLabelAndMessageAsTheyAre)
 {
     CSysLogHandler_Log("100%s", "a%n/b%d", 1, 0x8000, "%s", "%x");
@@ -187,9 +206,8 @@ TEST(CSysLogHandlerLogThreads, KeepTheirMessagesApart)
 
 TEST(CSysLogHandlerLogLevel, StartsAtTheWarningsAndKeepsTheLastValue)
 {
+    EXPECT_EQ(levelAtStart, 0x1000u);
     uint32_t level = 0;
-    CSysLogHandler_GetLogLevel(&level);
-    EXPECT_EQ(level, 0x1000u);
     CSysLogHandler_SetLogLevel(0xFFFFFFFF);
     CSysLogHandler_GetLogLevel(&level);
     EXPECT_EQ(level, 0xFFFFFFFFu);

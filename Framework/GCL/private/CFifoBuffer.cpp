@@ -88,7 +88,6 @@ unsigned char* slot(const CFifoBuffer& fifo, uint32_t index)
         break;
     default:
         std::memcpy(to, from, size);
-        break;
     }
 }
 

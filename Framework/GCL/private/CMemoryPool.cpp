@@ -25,18 +25,18 @@ uint32_t strideOf(uint32_t blockSize)
 
 // Fills an empty stack with as many blocks as its capacity says, the first one first. They all fit,
 // but for a stack that is full from the start.
-uint32_t pushBlocks(CStack& stack, unsigned char* area, uint32_t stride)
+bool pushBlocks(CStack& stack, unsigned char* area, uint32_t stride)
 {
     const int32_t last = gcl::stackLastIndex(stack);
     if (last < 0) {
-        return stack.uiCapacity == 0 ? GCL_OK : GCL_STACK_FULL;
+        return stack.uiCapacity == 0;
     }
     unsigned char* block = area;
     for (uint32_t i = 0; i < stack.uiCapacity; ++i, block += stride) {
         stack.pEntries[i] = block;
     }
     stack.iTop = last;
-    return GCL_OK;
+    return true;
 }
 
 } // namespace
@@ -55,8 +55,7 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     pThis->pBlockArea = new unsigned char[areaSize];
     pThis->freeBlocks = {entries.release(), -1, uiNrOfBlocks, GCL_OK};
 
-    const uint32_t result = pushBlocks(pThis->freeBlocks, pThis->pBlockArea, stride);
-    if (GCL_IS_FAILURE(result)) {
+    if (!pushBlocks(pThis->freeBlocks, pThis->pBlockArea, stride)) {
         static_cast<void>(
             GCL_REPORT(GCL_FAILURE, "Not possible to push memory block of size %u!", stride));
     }
