@@ -9,15 +9,19 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdarg>
 #include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Framework/GCL/ResultCodes.h"
+#include "Framework/GCL/private/AddressList.h"
+#include "Framework/GCL/private/Descriptor.h"
 #include "Framework/GCL/testing/FaultInjection.h"
 #include "Framework/GCL/testing/TraceCapture.h"
 #include "tests/support/Loopback.h"
@@ -330,6 +334,15 @@ TEST(CTcpSocketLayout, HasFourWordsInOrder)
     EXPECT_EQ(sizeof(CTcpSocket), 16u);
 }
 
+// Each frees what it owns, once.
+TEST(CTcpSocketOwners, HaveNoCopies)
+{
+    EXPECT_FALSE(std::is_copy_constructible_v<gcl::AddressList>);
+    EXPECT_FALSE(std::is_copy_assignable_v<gcl::AddressList>);
+    EXPECT_FALSE(std::is_copy_constructible_v<gcl::Descriptor>);
+    EXPECT_FALSE(std::is_copy_assignable_v<gcl::Descriptor>);
+}
+
 TEST(CTcpSocketConstruct, StoresTheValuesAndNoTimeout)
 {
     CTcpSocket socket{1, 2, 3, 4};
@@ -435,6 +448,22 @@ TEST_P(CTcpSocketCreate, AsksForStreamsOfAnyFamily)
                           "Failed to connect to 'radio.example' at port '-2147483648'", 0x800A)});
 }
 
+TEST_P(CTcpSocketCreate, WritesThePortIntoThirtyZeroes)
+{
+    const ScriptedAddresses addresses({}, -2);
+    const Hook hook(calls::snprintf,
+                    [](char* text, size_t limit, const char* format, va_list values) {
+                        EXPECT_EQ(limit, 29u) << "the last zero is never written over";
+                        EXPECT_EQ(std::string(text, 30), std::string(30, '\0'));
+                        return calls::snprintf.real(text, limit, format, values);
+                    });
+    Handed handed;
+    EXPECT_EQ(CTcpSocket_Create(&handed, "h", 80, 1), 0x800Au);
+    EXPECT_EQ(hook.calls(), 1u);
+    EXPECT_EQ(addresses.askedService, "80");
+    static_cast<void>(takeReports());
+}
+
 TEST_P(CTcpSocketCreate, ReportsAHostThatIsNoAddress)
 {
     const Count freed(calls::freeaddrinfo);
@@ -509,6 +538,35 @@ TEST_P(CTcpSocketCreate, CreatesEachSocketFromItsEntry)
     EXPECT_EQ(CTcpSocket_Create(&handed, "h", 80, 1), 0x800Bu);
     EXPECT_EQ(asked, (std::vector<int>{101, 102, 103, 201, 202, 203}));
     EXPECT_EQ(addresses.frees, 1);
+    expectReports({report("CTcpSocket_Create", "Client failed to connect", 0x800B)});
+}
+
+TEST_P(CTcpSocketCreate, AcceptsDescriptorZero)
+{
+    const ScriptedAddresses addresses({LoopbackAddress(1)});
+    const Fault sockets(calls::socket, {0, 0});
+    const Fault connects(calls::connect, {0, 0});
+    const Count closes(calls::close);
+    Handed handed;
+    EXPECT_EQ(CTcpSocket_Create(&handed, "h", 80, 1), GCL_OK);
+    EXPECT_EQ(handed->iSocketHandle, 0);
+    EXPECT_EQ(closes.calls(), 0u);
+    handed->iSocketHandle = -1; // the test's own standard input stays open
+    expectReports({});
+}
+
+TEST_P(CTcpSocketCreate, ClosesDescriptorZeroWhereItDoesNotConnect)
+{
+    const ScriptedAddresses addresses({LoopbackAddress(1)});
+    const Fault sockets(calls::socket, {0, 0});
+    const Fault connects(calls::connect, {-1, ECONNREFUSED});
+    const Hook closes(calls::close, [](int fd) {
+        EXPECT_EQ(fd, 0);
+        return 0;
+    });
+    Handed handed;
+    EXPECT_EQ(CTcpSocket_Create(&handed, "h", 80, 1), 0x800Bu);
+    EXPECT_EQ(closes.calls(), 1u);
     expectReports({report("CTcpSocket_Create", "Client failed to connect", 0x800B)});
 }
 

@@ -688,6 +688,39 @@ TEST(CTcpSocketWait, RefusesANegativeDescriptorThatIsNotTheClosedOne)
     expectReports({});
 }
 
+// Whatever the platform leaves in the set.
+TEST(CTcpSocketWait, FindsNoNegativeDescriptorInTheSet)
+{
+    CTcpSocket socket{-2, 1, 10, 1};
+    const NoTransfer none;
+    unsigned waits = 0;
+    const Hook hook(calls::select, [&waits](int count, fd_set* set, fd_set*, fd_set*, timeval*) {
+        EXPECT_EQ(count, -1);
+        for (int fd = 0; fd < FD_SETSIZE; ++fd) {
+            EXPECT_FALSE(FD_ISSET(fd, set)) << fd;
+            FD_SET(fd, set);
+        }
+        return ++waits == 1 ? 1 : 0;
+    });
+    char buffer[4];
+    int32_t length = 4;
+    EXPECT_EQ(CTcpSocket_Read(&socket, buffer, &length), 0x8015u);
+    EXPECT_EQ(waits, 2u);
+    expectReports({});
+}
+
+TEST(CTcpSocketWait, FindsDescriptorZeroInTheSet)
+{
+    CTcpSocket socket{0, 1, 10, 3};
+    const ScriptedSelect waits(socket, false, {Answer::notInSet, Answer::ready});
+    const Fault receives(calls::recv, {1, 0});
+    char buffer[4];
+    int32_t length = 4;
+    EXPECT_EQ(CTcpSocket_Read(&socket, buffer, &length), GCL_OK);
+    EXPECT_EQ(receives.calls(), 1u);
+    expectReports({});
+}
+
 TEST(CTcpSocketWait, AllocatesNothingBelow1024)
 {
     CTcpSocket socket{1023, 1, 10, 1};

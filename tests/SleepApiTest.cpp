@@ -84,6 +84,16 @@ TEST(SleepApiSleepMs, GoesOnWithTheRemainderWhileTheResultIsFour)
     EXPECT_EQ(requestsOf(1500, {4, -1}).size(), 2u);
 }
 
+// Each sleep finds what the one before left on the stack, and, with the address sanitizer, on one
+// of the many stacks that it uses in turn.
+TEST(SleepApiSleepMs, StartsWithARemainderOfZero)
+{
+    for (int i = 0; i < 5000; ++i) {
+        ASSERT_EQ(requestsOf(1500, {0}), (std::vector<Request>{{1, 500'000'000, false, 0, 0}}))
+            << i;
+    }
+}
+
 TEST(SleepApiSleepMs, DoesNotResumeAfterASignal)
 {
     EXPECT_EQ(requestsOf(1500, {-1}, EINTR).size(), 1u);

@@ -16,10 +16,9 @@ public:
     AddressList& operator=(const AddressList&) = delete;
 
     // Calls getaddrinfo, owns the list that it made and returns its result. The list is empty
-    // where the call made none.
+    // where the call made none. Once for each object.
     int resolve(const char* host, const char* service, const addrinfo& hints)
     {
-        reset();
         addrinfo* made = nullptr;
         const int result = getaddrinfo(host, service, &hints, &made);
         // A failed call (the C library's EAI_ codes are negative) says nothing about the pointer.

@@ -474,6 +474,5 @@ void CTcpSocket_Destruct(CTcpSocket* pThis)
         static_cast<void>(CTcpSocket_Close(pThis)); // cannot fail on an open object
     }
     pThis->uiTimeout = 0;
-    pThis->iSocketHandle = kClosed;
     pThis->iPort = 0;
 }

@@ -13,14 +13,8 @@ public:
     // Takes over what a call such as socket(2) returned; a negative number owns nothing.
     explicit Descriptor(int descriptor = kNone) : number(descriptor) {}
     ~Descriptor() { reset(); }
+    // It moves, which takes copies and assignments away.
     Descriptor(Descriptor&& other) noexcept : number(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        reset(other.release());
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
 
     bool isOpen() const { return number >= 0; }
     int get() const { return number; }
