@@ -652,7 +652,8 @@ void fileKeepsOffStandardError()
     close(STDERR_FILENO);
     say("first");
     CHECK(fcntl(STDERR_FILENO, F_GETFD) < 0);
-    CHECK((fcntl(lowest, F_GETFL) & O_APPEND) != 0);
+    const int flags = fcntl(lowest, F_GETFL);
+    CHECK(flags != -1 && (flags & O_APPEND) != 0);
     say("second");
 }
 
