@@ -2,6 +2,7 @@
 // CTimerSchedulingTest.cpp the scheduling policy, CTimerStressTest.cpp many threads at once.
 #include "Framework/GCL/CTimer.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -584,6 +585,33 @@ TEST(CTimerLife, WorksWhereTheLoaderDoesNotKnowTheLibrary)
     EXPECT_EQ(unknown.failures(), 1u);
     EXPECT_EQ(references.calls(), 0u);
     EXPECT_EQ(takeReports(), Reports{});
+}
+
+TEST(CTimerLife, KeepsItsLibraryLoaded)
+{
+    Dl_info library{};
+    const CTimer refused(ignore, nullptr, "", CTimer::Cyclic);
+    void** vtable = nullptr;
+    std::memcpy(&vtable, static_cast<const void*>(&refused), sizeof vtable);
+    ASSERT_NE(dladdr(vtable[2], &library), 0);
+    void* handle = nullptr;
+    const Hook taken(calls::dlopen, [&](const char* path, int flags) {
+        EXPECT_STREQ(path, library.dli_fname);
+        EXPECT_EQ(flags, RTLD_LAZY | RTLD_NOLOAD);
+        return handle = calls::dlopen.real(path, flags);
+    });
+    const Hook dropped(calls::dlclose, [&](void* closed) {
+        EXPECT_EQ(closed, handle);
+        return calls::dlclose.real(closed);
+    });
+    {
+        const CTimer timer(ignore, nullptr, "loaded", CTimer::Cyclic);
+        EXPECT_EQ(taken.calls(), 1u);
+        EXPECT_NE(handle, nullptr);
+        EXPECT_EQ(dropped.calls(), 0u);
+    }
+    EXPECT_EQ(taken.calls(), 1u);
+    EXPECT_EQ(dropped.calls(), 1u);
 }
 
 TEST(CTimerLife, OneThreadServesAllRuns)

@@ -339,6 +339,12 @@ TEST(VorTraceSinkMemory, UsualMessagesAllocateNothing)
         (Lines{onChannel("first use"), onChannel("second"), onClass("third"), onClass("fourth")}));
 }
 
+TEST(VorTraceSinkMemory, IsAskedForWhenALineIsFull)
+{
+    const Outcome outcome = run("roomOfALine");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+}
+
 TEST(VorTraceSinkMemory, CutsAMessageThatCannotGrow)
 {
     const Lines rests = restsOf("growthFails");
@@ -409,6 +415,11 @@ TEST(VorTraceSinkMessage, WorksWithoutThreadKeys)
     EXPECT_EQ(restsOf("manyKeys"), Lines{onClass("without keys")});
 }
 
+TEST(VorTraceSinkMessage, AsksOnceForTheEndOfItsThread)
+{
+    EXPECT_EQ(restsOf("threadEndIsAskedForOnce"), (Lines{onChannel("first"), onChannel("second")}));
+}
+
 TEST(VorTraceSinkMessage, MayBeTheFirstOfTwoThreadsAtOnce)
 {
     EXPECT_EQ(restsOf("keyInBetween"), (Lines{onChannel("between"), onChannel("behind")}));
@@ -477,6 +488,11 @@ TEST(VorTraceSinkThreads, AreKeptApartInAPipe)
     EXPECT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_EQ(status, 0);
     expectThreadsKeptApart(linesOf(text));
+}
+
+TEST(VorTraceSinkThreads, WriteOneAtATime)
+{
+    EXPECT_EQ(errLinesOf("oneWriteAtATime"), Lines{});
 }
 
 TEST(VorTraceSinkThreads, MaySetLevels)
@@ -588,7 +604,7 @@ TEST(VorTraceSinkLevels, NameABadEntryOnceAndKeepTheGoodOnes)
 {
     for (const std::string bad :
          {"nonsense", "=5", "B=", "B=x", "B=5x", "B=2147483648", "B=-2147483649", "B=4.5", "B= 5 6",
-          "B=0x5", "B=99999999999999"}) {
+          "B=0x5", "B=99999999999999", "~B~"}) {
         const Outcome outcome = run("printLevels", {{"VT_LEVELS", "A=6," + bad + ", C D=7"}});
         EXPECT_EQ(outcome.out, "6 3 7\n") << bad;
         EXPECT_EQ(outcome.err,
@@ -651,6 +667,18 @@ TEST(VorTraceSinkOutput, MayBeAFileThatIsAppendedTo)
     EXPECT_EQ(status.st_mode & 0777, 0640u);
 }
 
+TEST(VorTraceSinkOutput, MakesAFileThatAllMayReadAndWrite)
+{
+    const Folder folder;
+    const std::string log = folder / "log";
+    const mode_t mask = umask(0);
+    EXPECT_EQ(run("oneMessage", {{"VT_OUTPUT", log}}).exitCode, 0);
+    umask(mask);
+    struct stat status {};
+    ASSERT_EQ(stat(log.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0666u);
+}
+
 TEST(VorTraceSinkOutput, MakesNoFileWithoutAMessage)
 {
     const Folder folder;
@@ -664,6 +692,25 @@ TEST(VorTraceSinkOutput, KeepsItsFileOffClosedStandardStreams)
     EXPECT_EQ(run("fileKeepsOffStandardStreams", {{"VT_OUTPUT", folder / "log"}}).exitCode, 0);
     EXPECT_EQ(restsOf(linesOf(contentOf(folder / "log"))),
               (Lines{onChannel("first"), onChannel("second")}));
+}
+
+TEST(VorTraceSinkOutput, KeepsItsFileOffClosedStandardError)
+{
+    const Folder folder;
+    EXPECT_EQ(run("fileKeepsOffStandardError", {{"VT_OUTPUT", folder / "log"}}).exitCode, 0);
+    EXPECT_EQ(restsOf(linesOf(contentOf(folder / "log"))),
+              (Lines{onChannel("first"), onChannel("second")}));
+}
+
+TEST(VorTraceSinkOutput, SaysWhyItsFileCannotBeKeptOffAStandardStream)
+{
+    const Folder folder;
+    const std::string log = folder / "log";
+    const Lines lines = errLinesOf("fileCannotBeMoved", {{"VT_OUTPUT", log}});
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "VorTrace: VT_OUTPUT: \"" + log + "\" cannot be opened (errno: " +
+                            std::to_string(EMFILE) + "), standard error is used");
+    EXPECT_EQ(parse(lines[1]).rest, onChannel("text"));
 }
 
 TEST(VorTraceSinkOutput, FallsBackToStandardErrorAndSaysSoOnce)
@@ -724,6 +771,19 @@ TEST(VorTraceSinkFailingOutput, PipeWithoutAReader)
 {
     expectAlive("brokenPipe");
     expectAlive("brokenPipeKeepsAPendingSignal");
+}
+
+TEST(VorTraceSinkFailingOutput, LeavesOtherSignalsAlone)
+{
+    const Outcome outcome = run("failedWriteKeepsAPendingSignal");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    EXPECT_EQ(errLinesOf("writeHoldsBackItsSignals"), Lines{});
+}
+
+TEST(VorTraceSinkFailingOutput, IsWaitedForATenthOfASecond)
+{
+    const Outcome outcome = run("patienceWithAFullPipe");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
 }
 
 TEST(VorTraceSinkFailingOutput, FullPipeInNonBlockingMode)

@@ -2,6 +2,7 @@
 // read back what comes out. The sink takes its configuration from the environment once a process,
 // hence a process for each scenario. It exits with 0 if the checks that it makes itself have held.
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <map>
@@ -672,6 +674,36 @@ void fileKeepsOffStandardStreams()
     say("second");
 }
 
+// The first descriptor behind the standard streams is as good as any.
+void fileKeepsOffStandardError()
+{
+    const int lowest = fcntl(STDOUT_FILENO, F_DUPFD, STDERR_FILENO + 1);
+    CHECK(lowest > STDERR_FILENO && close(lowest) == 0);
+    close(STDERR_FILENO);
+    say("first");
+    CHECK(fcntl(STDERR_FILENO, F_GETFD) < 0);
+    const int flags = fcntl(lowest, F_GETFL);
+    CHECK(flags != -1 && (flags & O_APPEND) != 0);
+    say("second");
+}
+
+// Its file comes in the place of a standard stream and cannot be moved.
+void fileCannotBeMoved()
+{
+    close(STDIN_FILENO);
+    {
+        const Fault fault(calls::fcntl, {-1, EMFILE, 1});
+        const Hook hook(calls::close, [](int descriptor) {
+            CHECK(calls::close.real(descriptor) == 0);
+            errno = EIO;
+            return -1;
+        });
+        say("text");
+        CHECK(fault.failures() == 1 && hook.calls() == 1);
+    }
+    CHECK(fcntl(STDIN_FILENO, F_GETFD) < 0);
+}
+
 void fileIsClosedOnExec()
 {
     say("opens the file");
@@ -811,9 +843,10 @@ void slowReader()
 class ScriptedWrite {
 public:
     struct Step {
-        ssize_t most; // bytes taken at most, or -1
-        int error;
+        ssize_t most; // bytes taken at most, kAllButOne, or -1
+        int error;    // what it leaves in errno; 0 leaves errno alone
     };
+    static constexpr ssize_t kAllButOne = -2;
     explicit ScriptedWrite(std::vector<Step> script)
         : steps(std::move(script)),
           hook(calls::write, [this](int fd, const void* data, size_t size) -> ssize_t {
@@ -821,11 +854,15 @@ public:
               const Step step =
                   index < steps.size() ? steps[index] : Step{static_cast<ssize_t>(size), 0};
               ++index;
-              if (step.most < 0) {
+              if (step.error != 0) {
                   errno = step.error;
+              }
+              if (step.most == -1) {
                   return -1;
               }
-              const size_t taken = std::min(size, static_cast<size_t>(step.most));
+              const size_t taken = step.most == kAllButOne
+                                       ? size - 1
+                                       : std::min(size, static_cast<size_t>(step.most));
               text.append(static_cast<const char*>(data), taken);
               return static_cast<ssize_t>(taken);
           })
@@ -881,10 +918,217 @@ void writeResults()
         CHECK(countOf(script.text, "\n") == 3);
     }
     {
-        ScriptedWrite script({{0, 0}});
+        ScriptedWrite script({{ScriptedWrite::kAllButOne, 0}});
+        say("last byte by itself");
+        CHECK(script.index == 2);
+        CHECK(countOf(script.text, "\n") == 1 && script.text.back() == '\n');
+    }
+    {
+        ScriptedWrite script({{ScriptedWrite::kAllButOne, 0}, {-1, ENOSPC}});
+        say("lacks its newline");
+        const size_t torn = script.text.size();
+        say("next");
+        CHECK(script.text[torn] == '\n' && countOf(script.text, "\n") == 2);
+    }
+    for (const int error : {0, EINTR, EAGAIN}) { // of an earlier call
+        ScriptedWrite script({{0, error}});
         say("nothing taken");
         CHECK(script.index == 1);
     }
+}
+
+// The patience, to the millisecond: the clock moves only while poll waits.
+void patienceWithAFullPipe()
+{
+    int64_t now = 5950; // a second ends within the wait
+    const Hook clock(calls::clock_gettime64, [&now](clockid_t, gcltest::Timespec64* time) {
+        time->tv_sec = now / 1000;
+        time->tv_nsec = static_cast<decltype(time->tv_nsec)>(now % 1000 * 1'000'000);
+        return 0;
+    });
+    std::vector<int> waits;
+    const Hook wait(calls::poll, [&](pollfd* entries, nfds_t count, int limit) {
+        CHECK(count == 1 && entries->fd == STDERR_FILENO);
+        CHECK(entries->events == POLLOUT && entries->revents == 0);
+        waits.push_back(limit);
+        now += limit == 100 ? 99 : limit;
+        return 0;
+    });
+    const ScriptedWrite::Step full = {-1, EAGAIN};
+    const ScriptedWrite::Step whole = {99999, 0};
+    ScriptedWrite script({full, full, full, full, whole, full, whole});
+    say("waited for");
+    CHECK(waits == (std::vector<int>{100, 1}));
+    CHECK(script.index == 3 && script.text.empty());
+    say("not waited for");
+    CHECK(script.index == 4 && waits.size() == 2);
+    say("taken at once");
+    CHECK(script.index == 5 && waits.size() == 2);
+    say("waited for again");
+    CHECK(script.index == 7 && waits == (std::vector<int>{100, 1, 100}));
+    CHECK(countOf(script.text, "\n") == 2);
+}
+
+// A line has 1024 bytes with the newlines around it, then twice as many or what its text needs.
+void roomOfALine()
+{
+    ScriptedWrite script({});
+    say("");
+    const size_t fitting = 1024 - 1 - script.text.size();
+    VorTrace trace("KIV.CLASS", VorTraceLevel7);
+    std::vector<size_t> asked;
+    const auto expectAsked = [&](size_t length, const std::vector<size_t>& expected) {
+        const std::string text(length, 'x');
+        {
+            const Hook hook(calls::newArray, [&asked](size_t size) {
+                asked.push_back(size);
+                return calls::newArray.real(size);
+            });
+            const Count formatted(calls::vsnprintf);
+            say(text);
+            CHECK(asked == expected);
+            CHECK(formatted.calls() == 1 + expected.size());
+            asked.clear();
+            VT_beginImpl(&channel, 1, &kHeader);
+            trace.logMsgData(text.data(), static_cast<unsigned>(text.size()));
+            VT_endImpl(&channel);
+            CHECK(asked == expected);
+            asked.clear();
+        }
+    };
+    expectAsked(fitting, {});
+    expectAsked(fitting + 1, {2048});
+    expectAsked(fitting + 1024, {2048});
+    expectAsked(fitting + 1025, {2049});
+
+    // Without memory, text and front are cut at the 1024th byte, whatever it is.
+    const Fault fault(calls::newArray, {0, 0, 1, Failure::kForGood});
+    const std::string newlines(3000, '\n');
+    TraceChannel odd = {1, newlines.c_str()};
+    for (const bool inFront : {false, true}) {
+        script.text.clear();
+        VT_beginImpl(inFront ? &odd : &channel, 1, &kHeader);
+        VT_rawprintf(&channel, "%s", std::string(3000, 'x').c_str());
+        VT_endImpl(&channel);
+        CHECK(script.text.size() == 1023);
+        CHECK(countOf(script.text, "\n") == 1 && script.text.back() == '\n');
+    }
+
+    // A length beyond all memory is not even asked for.
+    const std::string filling(2000, 'z');
+    const unsigned before = fault.calls();
+    for (const size_t length : {SIZE_MAX / 4, SIZE_MAX / 4 + 1}) {
+        trace.beginLogMsg(VorTraceLevel1, kHeader);
+        trace.stream().rdbuf()->sputn(filling.data(), static_cast<std::streamsize>(length));
+        trace.endLogMsg();
+        CHECK(fault.calls() == before + 1);
+    }
+}
+
+bool isAsleep(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const size_t name = text.rfind(") ");
+    return name != std::string::npos && text[name + 2] == 'S';
+}
+
+// While one thread is inside write, another one that reports sleeps outside of it.
+void oneWriteAtATime()
+{
+    std::atomic<int> entered{0};
+    std::atomic<pid_t> other{0};
+    bool alone = false;
+    {
+        const Hook hook(
+            calls::write,
+            [&](int, const void*, size_t size) {
+                if (++entered == 1) {
+                    while (entered == 1 && (other == 0 || !isAsleep(other))) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    }
+                    alone = entered == 1;
+                }
+                return static_cast<ssize_t>(size);
+            },
+            Threads::all);
+        std::thread first([] { say("first"); });
+        while (entered == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::thread second([&other] {
+            other = static_cast<pid_t>(syscall(SYS_gettid));
+            say("second");
+        });
+        first.join();
+        second.join();
+    }
+    CHECK(alone && entered == 2);
+}
+
+// Which signals a write is kept from raising: those two, and those only.
+void writeHoldsBackItsSignals()
+{
+    sigset_t before;
+    sigset_t inside;
+    CHECK(pthread_sigmask(SIG_BLOCK, nullptr, &before) == 0);
+    const Count cleared(calls::sigemptyset);
+    const Count fetched(calls::sigtimedwait);
+    {
+        const Hook hook(calls::write, [&inside](int, const void*, size_t size) {
+            CHECK(pthread_sigmask(SIG_BLOCK, nullptr, &inside) == 0);
+            return static_cast<ssize_t>(size);
+        });
+        say("text");
+    }
+    for (int number = 1; number < 32; ++number) {
+        const bool held = number == SIGPIPE || number == SIGXFSZ;
+        CHECK((sigismember(&inside, number) == 1) == (held || sigismember(&before, number) == 1));
+    }
+    CHECK(cleared.calls() == 1);
+    CHECK(fetched.calls() == 0); // none to be taken away: the write has passed
+}
+
+// A signal that was pending before stays, and the other one, which the write raises, does not.
+void failedWriteKeepsAPendingSignal()
+{
+    for (const int own : {SIGPIPE, SIGXFSZ}) {
+        const int other = own == SIGPIPE ? SIGXFSZ : SIGPIPE;
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, own);
+        CHECK(pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0);
+        CHECK(raise(own) == 0);
+        {
+            const Hook hook(calls::write, [other](int, const void*, size_t) -> ssize_t {
+                CHECK(raise(other) == 0);
+                errno = EPIPE;
+                return -1;
+            });
+            say("lost");
+        }
+        sigset_t pending;
+        CHECK(sigpending(&pending) == 0);
+        CHECK(sigismember(&pending, own) == 1 && sigismember(&pending, other) == 0);
+        // Where the pending ones are not to be known, none is left behind.
+        const Fault unknown(calls::sigpending, {-1, EFAULT, 1});
+        const Fault failing(calls::write, {-1, EPIPE, 1});
+        say("lost");
+        CHECK(unknown.failures() == 1);
+        CHECK(sigpending(&pending) == 0 && sigismember(&pending, own) == 0);
+        CHECK(pthread_sigmask(SIG_UNBLOCK, &set, nullptr) == 0);
+    }
+}
+
+// The clean-up is asked for once a thread.
+void threadEndIsAskedForOnce()
+{
+    const Count asked(calls::pthread_setspecific);
+    say("first");
+    CHECK(asked.calls() == 1);
+    say("second");
+    CHECK(asked.calls() == 1);
 }
 
 void errnoIsKept()
@@ -964,6 +1208,7 @@ void streams()
     VorTrace second("KIV.SECOND", VorTraceLevel3);
     CHECK(&second.stream() == mine);
     CHECK(&trace.discardStream() != mine);
+    CHECK(mine->rdbuf()->pubsync() == 0);
     std::thread([&] { CHECK(&trace.stream() != mine); }).join();
 }
 
@@ -1119,13 +1364,18 @@ void timeStamp()
 void manyKeys()
 {
     // No thread keys left: the sink works, only its clean-up does not come.
+    std::vector<pthread_key_t> keys;
     pthread_key_t key;
     while (pthread_key_create(&key, nullptr) == 0) {
+        keys.push_back(key);
     }
-    std::thread([] {
+    std::thread([&keys] {
         VorTrace trace("KIV.CLASS", VorTraceLevel7);
         trace.beginLogMsg(VorTraceLevel1, kHeader);
         trace.stream() << "without keys" << std::flush;
+        for (const pthread_key_t other : keys) { // those of others are left alone
+            CHECK(pthread_getspecific(other) == nullptr);
+        }
     }).join();
 }
 
@@ -1170,9 +1420,12 @@ const std::map<std::string, void (*)()>& scenarios()
         {"descriptorsExhausted", descriptorsExhausted},
         {"endingThreads", endingThreads},
         {"errnoIsKept", errnoIsKept},
+        {"failedWriteKeepsAPendingSignal", failedWriteKeepsAPendingSignal},
         {"fileAtItsLimit", fileAtItsLimit},
         {"fileAtItsLimitKeepsAPendingSignal", fileAtItsLimitKeepsAPendingSignal},
+        {"fileCannotBeMoved", fileCannotBeMoved},
         {"fileIsClosedOnExec", fileIsClosedOnExec},
+        {"fileKeepsOffStandardError", fileKeepsOffStandardError},
         {"fileKeepsOffStandardStreams", fileKeepsOffStandardStreams},
         {"forkWhileComplaining", forkWhileComplaining},
         {"forkWhileReporting", forkWhileReporting},
@@ -1197,8 +1450,11 @@ const std::map<std::string, void (*)()>& scenarios()
         {"nullPointers", nullPointers},
         {"oneMessage", oneMessage},
         {"oneMessageAThread", oneMessageAThread},
+        {"oneWriteAtATime", oneWriteAtATime},
+        {"patienceWithAFullPipe", patienceWithAFullPipe},
         {"printLevels", printLevels},
         {"results", results},
+        {"roomOfALine", roomOfALine},
         {"setLevel", setLevel},
         {"setLevelByThreads", setLevelByThreads},
         {"setLevelInBetween", setLevelInBetween},
@@ -1207,12 +1463,14 @@ const std::map<std::string, void (*)()>& scenarios()
         {"silencedChannel", silencedChannel},
         {"slowReader", slowReader},
         {"streams", streams},
+        {"threadEndIsAskedForOnce", threadEndIsAskedForOnce},
         {"tidOfThread", tidOfThread},
         {"timeStamp", timeStamp},
         {"toSyslog", toSyslog},
         {"unformattable", unformattable},
         {"usualMessagesAllocateNothing", usualMessagesAllocateNothing},
         {"veryEndOfAThread", veryEndOfAThread},
+        {"writeHoldsBackItsSignals", writeHoldsBackItsSignals},
         {"writeResults", writeResults},
     };
     return table;

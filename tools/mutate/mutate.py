@@ -85,8 +85,8 @@ MODULES: dict[str, tuple[list[str], list[str]]] = {
     "CTimer": (
         ["Framework/GCL/private/CTimer.cpp", "Framework/GCL/private/Clock.cpp",
          "Framework/GCL/private/ErrnoSaver.h"],
-        ["ClockTest", "CTimerTest", "CTimerWaitTest", "CTimerSchedulingTest", "CTimerStressTest",
-         "CTcpSocketCloseTest"],
+        ["ClockTest", "CTimerTest", "CTimerExitTest", "CTimerWaitTest", "CTimerSchedulingTest",
+         "CTimerStressTest", "CTcpSocketCloseTest"],
     ),
     "HijackApi": (["Framework/GCL/private/HijackApi.cpp"], ["HijackApiTest"]),
     "SleepApi": (["Framework/GCL/private/SleepApi.cpp"], ["SleepApiTest"]),

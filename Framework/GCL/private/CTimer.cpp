@@ -441,7 +441,6 @@ bool CTimer::Impl::start(std::chrono::milliseconds duration)
         }
     }
     started = true;
-    stopRequested = false;
     cond.notify_all();
     TIMER_TRACE(VorTraceLevel5, quotedName, " successfully started [", this, "].");
     return true;

@@ -35,7 +35,7 @@ public:
 
     [[gnu::noinline]] void append(const char* text, size_t length)
     {
-        static_cast<void>(makeRoom(length));
+        makeRoom(length);
         const size_t fitting = std::min(length, room());
         std::memcpy(data() + size, text, fitting);
         size += fitting;
@@ -49,8 +49,8 @@ public:
         const int formatted = vsnprintf(data() + size, room() + 1, format, arguments);
         if (formatted > 0) {
             const auto length = static_cast<size_t>(formatted);
-            // Without more room the text stands there already, cut.
-            if (length > room() && makeRoom(length)) {
+            if (length > room()) {
+                makeRoom(length);
                 static_cast<void>(vsnprintf(data() + size, room() + 1, format, again));
             }
             size += std::min(length, room());
@@ -79,25 +79,22 @@ private:
     // One byte stays free, for the terminating NUL of vsnprintf and for the newline.
     size_t room() const { return capacity - size - 1; }
 
-    bool makeRoom(size_t length)
+    // Where no memory can be had, the room stays as it is.
+    void makeRoom(size_t length)
     {
-        if (length <= room()) {
-            return true;
-        }
-        if (length > SIZE_MAX / 4 ||
-            size > SIZE_MAX / 4) { // GCOVR_EXCL_BR_LINE: only a 32-bit processor fills so much
-            return false;
+        // No object is larger than half of all addresses, so that the sum does not overflow.
+        if (length <= room() || length > SIZE_MAX / 4) {
+            return;
         }
         const size_t enough = std::max(2 * capacity, size + length + 1);
         char* const bigger = vt::newChars(enough);
         if (bigger == nullptr) {
-            return false;
+            return;
         }
         std::memcpy(bigger, data(), size);
         delete[] heap;
         heap = bigger;
         capacity = enough;
-        return true;
     }
 
     size_t size;

@@ -76,7 +76,7 @@ public:
     {
         if (writeFailed) {
             const timespec noWait{};
-            while (sigtimedwait(&raised, nullptr, &noWait) >= 0 || errno == EINTR) {
+            while (sigtimedwait(&raised, nullptr, &noWait) != -1 || errno == EINTR) {
             }
         }
         static_cast<void>(pthread_sigmask(SIG_SETMASK, &before, nullptr));
@@ -90,8 +90,9 @@ private:
     void leaveOutPending()
     {
         sigset_t pending;
-        sigemptyset(&pending);
-        static_cast<void>(sigpending(&pending));
+        if (sigpending(&pending) != 0) {
+            return;
+        }
         for (const int number : {SIGPIPE, SIGXFSZ}) {
             if (sigismember(&pending, number) == 1) {
                 sigdelset(&raised, number);
@@ -128,8 +129,6 @@ size_t writeAll(int descriptor, const char* data, size_t size)
             readerStalled = false;
             data += written;
             size -= static_cast<size_t>(written);
-        } else if (written < 0 && errno == EINTR) {
-            continue;
         } else if (written < 0 && errno == EAGAIN) {
             // A reader that has not kept up once is not waited for until it reads again.
             if (readerStalled) {
@@ -140,7 +139,7 @@ size_t writeAll(int descriptor, const char* data, size_t size)
                 readerStalled = true;
                 break;
             }
-        } else {
+        } else if (written == 0 || errno != EINTR) { // an interrupted write is tried again
             noSignals.noteFailure();
             break;
         }
@@ -208,19 +207,21 @@ void chooseOutput()
 {
     const char* const variable = secure_getenv("VT_OUTPUT");
     if (variable == nullptr || *variable == '\0' || std::strcmp(variable, "stderr") == 0) {
-        outputDescriptor = STDERR_FILENO;
-    } else if (std::strcmp(variable, "stdout") == 0) {
+        return; // as it is from the beginning
+    }
+    if (std::strcmp(variable, "stdout") == 0) {
         outputDescriptor = STDOUT_FILENO;
     } else if (std::strcmp(variable, "syslog") == 0) {
         outputDescriptor = kToSyslog;
     } else {
         const int file = openFile(variable);
-        if (file < 0) {
+        if (file == -1) {
             vt::complain(
                 "VT_OUTPUT: \"%.300s\" cannot be opened (errno: %d), standard error is used",
                 variable, errno);
+            return;
         }
-        outputDescriptor = file < 0 ? STDERR_FILENO : file;
+        outputDescriptor = file;
     }
 }
 
@@ -256,7 +257,7 @@ void complain(const char* format, ...)
         return;
     }
     size_t length = std::strlen(line);
-    std::replace(line + 1, line + length, '\n', ' ');
+    std::replace(line + kWhoLength, line + length, '\n', ' ');
     line[length++] = '\n';
     writeLine(STDERR_FILENO, line, length);
 }

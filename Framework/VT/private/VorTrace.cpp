@@ -50,7 +50,6 @@ VorTrace::~VorTrace()
 {
     const gcl::ErrnoSaver keepErrno;
     delete impl;
-    impl = nullptr;
 }
 
 void VorTrace::beginLogMsg(VorTraceLevel level, const VorTraceHeader& header)
