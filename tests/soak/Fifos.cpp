@@ -1,5 +1,7 @@
 // Producers and consumers on FIFOs of all tasking modes.
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <array>
 #include <deque>
@@ -33,10 +35,11 @@ Element elementOf(uint64_t producer, uint64_t number)
 // A FIFO, and the counts of what went in and came out.
 class FifoLoad : public Load {
 public:
-    FifoLoad(const char* loadName, uint32_t slots, ETaskingMode mode)
-        : Load(Kind::elements, loadName), capacity(slots)
+    FifoLoad(const char* loadName, uint32_t slots, ETaskingMode mode,
+             uint32_t bytes = sizeof(Element))
+        : Load(Kind::elements, loadName), capacity(slots), elementSize(bytes)
     {
-        CFifoBuffer_Construct(&fifo, sizeof(Element), capacity, mode);
+        CFifoBuffer_Construct(&fifo, elementSize, capacity, mode);
     }
     ~FifoLoad() override { CFifoBuffer_Destruct(&fifo); }
 
@@ -70,10 +73,10 @@ protected:
     uint32_t held() const
     {
         uint32_t size = 0;
-        uint32_t elementSize = 0;
+        uint32_t bytes = 0;
         uint32_t slots = 0;
-        if (CFifoBuffer_GetStatistics(&fifo, &size, &elementSize, &slots) != GCL_OK ||
-            elementSize != sizeof(Element) || slots != capacity) {
+        if (CFifoBuffer_GetStatistics(&fifo, &size, &bytes, &slots) != GCL_OK ||
+            bytes != elementSize || slots != capacity) {
             complain("%s: wrong statistics", name.c_str());
         }
         return size;
@@ -88,6 +91,7 @@ protected:
 
     CFifoBuffer fifo{};
     const uint32_t capacity;
+    const uint32_t elementSize;
     std::array<Count, kProducers> lastPut{};
     Count putCount{0};
     Count putSum{0};
@@ -102,8 +106,12 @@ protected:
 
 class HandOverLoad : public FifoLoad {
 public:
-    HandOverLoad(const char* loadName, uint32_t slots)
-        : FifoLoad(loadName, slots, eTaskingModeSemaphore)
+    // With large elements the copies take long: then many threads wait for the copy lock, and get
+    // signals of their own to be interrupted there.
+    HandOverLoad(const char* loadName, uint32_t slots, bool largeElements)
+        : FifoLoad(loadName, slots, eTaskingModeSemaphore,
+                   largeElements ? sizeof(Large) : sizeof(Element)),
+          isLarge(largeElements)
     {
     }
 
@@ -116,11 +124,16 @@ protected:
             noteTaken(element);
         }
         working = kProducers;
+        places = 0;
+        known = 0;
         for (unsigned producer = 0; producer < kProducers; ++producer) {
             employ([this, producer](Random& random) { produce(producer, random); });
         }
         for (unsigned i = 0; i < kConsumers; ++i) {
             employ([this](Random& random) { consume(random); });
+        }
+        if (isLarge) {
+            employ([this](Random& random) { disturb(random); });
         }
     }
 
@@ -151,8 +164,33 @@ public:
 private:
     static constexpr unsigned kConsumers = 3;
 
+    // An element with its checksum at both ends.
+    struct Large {
+        Element element;
+        std::array<unsigned char, 128 * 1024> between;
+        uint64_t check;
+    };
+
+    // Signals to the threads of this load, which are joined when it has ended.
+    void introduce()
+    {
+        threads[places++] = pthread_self();
+        ++known;
+    }
+    void disturb(Random& random)
+    {
+        while (!over) {
+            const unsigned count = known;
+            if (count == threads.size()) {
+                pthread_kill(threads[random.below(count)], SIGUSR1);
+            }
+            pauseUs(50);
+        }
+    }
+
     void produce(unsigned producer, Random& random)
     {
+        introduce();
         while (!over) {
             const Element element = next(producer);
             put(element);
@@ -170,6 +208,7 @@ private:
 
     void consume(Random& random)
     {
+        introduce();
         std::array<uint64_t, kProducers> lastTaken{};
         for (;;) {
             Element element{};
@@ -212,11 +251,27 @@ private:
     }
     void put(const Element& element)
     {
-        repeat([&] { return CFifoBuffer_Put(&fifo, &element); });
+        if (!isLarge) {
+            repeat([&] { return CFifoBuffer_Put(&fifo, &element); });
+            return;
+        }
+        Large large;
+        large.element = element;
+        large.check = element.check;
+        repeat([&] { return CFifoBuffer_Put(&fifo, &large); });
     }
     void take(Element& element)
     {
-        repeat([&] { return CFifoBuffer_Get(&fifo, &element); });
+        if (!isLarge) {
+            repeat([&] { return CFifoBuffer_Get(&fifo, &element); });
+            return;
+        }
+        Large large;
+        repeat([&] { return CFifoBuffer_Get(&fifo, &large); });
+        element = large.element;
+        if (large.check != element.check) {
+            complain("%s: an element with the end of another one", name.c_str());
+        }
     }
 
     void expectPermits(uint32_t elements)
@@ -236,7 +291,11 @@ private:
         }
     }
 
-    uint32_t left = 0; // elements in the ring between two rounds
+    const bool isLarge;
+    std::array<std::atomic<pthread_t>, kProducers + kConsumers> threads{};
+    std::atomic<unsigned> places{0}; // in `threads` that are taken
+    std::atomic<unsigned> known{0};  // that are filled
+    uint32_t left = 0;               // elements in the ring between two rounds
     uint64_t leftSum = 0;
     std::atomic<unsigned> working{0};
 };
@@ -455,11 +514,13 @@ private:
 
 void addFifos(Loads& loads, Expectations& expectations)
 {
-    expectations.expect("KIV.GCL", "sem_wait failed waiting for", &interrupted);
+    expectations.expect("KIV.GCL", "sem_wait failed waiting for cpyMutex", &interrupted,
+                        "sem_wait failed waiting for ");
     expectations.expect("KIV.GCL", "Fifo buffer empty", &foundEmpty);
-    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, 1 place", 1));
-    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, 7 places", 7));
-    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, 64 places", 64));
+    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, 1 place", 1, false));
+    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, 7 places", 7, false));
+    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, 64 places", 64, false));
+    loads.push_back(std::make_unique<HandOverLoad>("FIFO mode 0, large elements", 12, true));
     loads.push_back(std::make_unique<UnprotectedLoad>("FIFO mode 1, one thread", 5, 1));
     loads.push_back(std::make_unique<UnprotectedLoad>("FIFO mode 1, under a lock", 16, 3));
     loads.push_back(std::make_unique<NewestLoad>("FIFO mode 2, room for all", 64, false));

@@ -227,17 +227,15 @@ public:
         std::printf("%6s %9s %10s %8s %9s %10s %9s %9s  %6s %7s %8s %9s\n", "s", "timers/s",
                     "elements/s", "frames/s", "TCP kB/s", "cont.ops/s", "reports/s", "signals/s",
                     "descr.", "threads", "blocks", "resident");
-        // As many rounds of either kind, which fill the time.
-        const auto rounds =
-            std::max<int64_t>(2, (endNs - monotonicNs()) / seconds(options.round) / 2 * 2);
-        const int64_t lengthNs = std::max<int64_t>((endNs - monotonicNs()) / rounds, 0);
-        for (int64_t i = 0; i < rounds && complaints() == 0; ++i) {
-            const int64_t roundEndNs = i == rounds - 1 ? endNs : monotonicNs() + lengthNs;
-            runRound(roundEndNs);
+        // Whole rounds of the same length, as many as the time has room for.
+        const int64_t left = std::max<int64_t>(endNs - monotonicNs(), 1);
+        const int64_t lengthNs = left / std::max<int64_t>(2, left / seconds(options.round));
+        const int64_t warmNs = monotonicNs() + left / 4;
+        for (int i = 0; complaints() == 0 && (i < 2 || monotonicNs() < endNs); ++i) {
+            runRound(monotonicNs() + lengthNs);
             compareWith(first);
-            // Warm after a quarter of the rounds, and two at least.
             const long resident = residentKb();
-            if (i < std::max<int64_t>(2, rounds / 4)) {
+            if (i == 0 || monotonicNs() < warmNs) {
                 warmKb = std::max(warmKb, resident);
             } else if (resident > warmKb + static_cast<long>(options.growth)) {
                 complain("resident memory has grown from %ld kB to %ld kB", warmKb, resident);

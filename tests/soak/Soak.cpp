@@ -125,9 +125,10 @@ void Load::employ(std::function<void(Random&)> work)
 
 // --- What stands in the sink's file --------------------------------------------------------------
 
-void Expectations::expect(const char* channel, const char* text, const Count* due)
+void Expectations::expect(const char* channel, const char* text, const Count* due,
+                          const char* orText)
 {
-    texts.push_back({channel, text, due, 0});
+    texts.push_back({channel, text, orText, due, 0, 0});
 }
 
 void Expectations::forward(std::string prefix,
@@ -167,8 +168,15 @@ void Expectations::take(std::string_view line)
         return;
     }
     for (Text& text : texts) {
-        if (channel == text.channel && line.find(text.text) != std::string_view::npos) {
+        if (channel != text.channel) {
+            continue;
+        }
+        if (line.find(text.text) != std::string_view::npos) {
             ++text.found;
+            return;
+        }
+        if (!text.orText.empty() && line.find(text.orText) != std::string_view::npos) {
+            ++text.orFound;
             return;
         }
     }
@@ -179,10 +187,14 @@ void Expectations::account(Table& table) const
 {
     for (const Text& text : texts) {
         const std::string what = text.channel + ": \"" + text.text + "\"";
-        if (text.due != nullptr) {
+        if (text.due == nullptr) {
+            table.note(what, text.found);
+        } else if (text.orText.empty()) {
             table.same(what, *text.due, text.found);
         } else {
             table.note(what, text.found);
+            table.same(text.channel + ": \"" + text.orText + "\"", *text.due,
+                       text.found + text.orFound);
         }
     }
 }

@@ -116,8 +116,9 @@ private:
 // found. A text that contains another one is expected before it.
 class Expectations {
 public:
-    // `due` is read whenever the file has been read. NULL: any number.
-    void expect(const char* channel, const char* text, const Count* due);
+    // `due` is read whenever the file has been read. NULL: any number. Where `orText` is given, both
+    // texts together are due so often.
+    void expect(const char* channel, const char* text, const Count* due, const char* orText = "");
     // One line of the file, without its end.
     void take(std::string_view line);
     void account(Table& table) const;
@@ -130,8 +131,10 @@ private:
     struct Text {
         std::string channel;
         std::string text;
+        std::string orText;
         const Count* due;
         uint64_t found;
+        uint64_t orFound;
     };
     std::vector<Text> texts;
     std::string forwarded;

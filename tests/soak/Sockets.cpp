@@ -242,6 +242,7 @@ private:
     void readBytes(CTcpSocket& object, uint32_t connection, uint64_t limit, Outcome& outcome,
                    Random& random)
     {
+        const bool slowly = random.oneIn(4); // the writer waits, and is interrupted there
         std::array<unsigned char, kMaxMessage> buffer{};
         while (outcome.received < limit) {
             int32_t count = 0;
@@ -254,6 +255,9 @@ private:
             if (code != GCL_OK) {
                 complain("%s: a read gave %#x", name.c_str(), code);
                 return;
+            }
+            if (slowly) {
+                pauseUs(200);
             }
             for (int32_t i = 0; i < count; ++i) {
                 if (buffer[static_cast<size_t>(i)] !=
@@ -269,6 +273,11 @@ private:
 
     void sendAllBytes(CTcpSocket& object, const Hello& hello, Outcome& outcome, Random& random)
     {
+        const int room = 4096;
+        if (random.oneIn(2)) { // a write then takes several sends
+            setsockopt(CTcpSocket_GetSocketHandle(&object), SOL_SOCKET, SO_SNDBUF, &room,
+                       sizeof room);
+        }
         while (outcome.sent < hello.bytes) {
             const auto left = static_cast<uint32_t>(hello.bytes - outcome.sent);
             const uint32_t count = std::min(left, 1 + random.below(4 * kMaxMessage));
