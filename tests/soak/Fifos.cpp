@@ -195,7 +195,7 @@ private:
             const Element element = next(producer);
             put(element);
             notePut(element);
-            if (random.oneIn(64)) {
+            if (random.oneIn(isLarge ? 4 : 64)) {
                 pauseUs(random.below(2000));
             }
         }
@@ -227,7 +227,7 @@ private:
             if (held() > capacity) {
                 complain("%s: holds more than it can", name.c_str());
             }
-            if (random.oneIn(64)) {
+            if (random.oneIn(isLarge ? 4 : 64)) {
                 pauseUs(random.below(2000));
             }
         }

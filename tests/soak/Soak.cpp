@@ -201,6 +201,14 @@ void Expectations::account(Table& table) const
 
 } // namespace soak
 
+// What has been freed the sanitizer keeps for a while, by default much more than the rest of the
+// process has: the resident memory would tell nothing.
+extern "C" __attribute__((used, visibility("default"))) const char* __asan_default_options();
+const char* __asan_default_options()
+{
+    return "quarantine_size_mb=16";
+}
+
 // --- Every block of the process is counted, those of the library too -----------------------------
 
 static void* take(size_t size)

@@ -257,7 +257,7 @@ private:
                 return;
             }
             if (slowly) {
-                pauseUs(200);
+                pauseUs(1000);
             }
             for (int32_t i = 0; i < count; ++i) {
                 if (buffer[static_cast<size_t>(i)] !=
