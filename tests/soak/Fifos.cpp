@@ -32,6 +32,11 @@ Element elementOf(uint64_t producer, uint64_t number)
     return {producer, number, mixed(producer, number)};
 }
 
+size_t indexOf(const Element& element)
+{
+    return static_cast<size_t>(element.producer % kProducers);
+}
+
 // A FIFO, and the counts of what went in and came out.
 class FifoLoad : public Load {
 public:
@@ -217,7 +222,7 @@ private:
                 return;
             }
             noteTaken(element);
-            uint64_t& last = lastTaken[element.producer % kProducers];
+            uint64_t& last = lastTaken[indexOf(element)];
             if (element.number <= last) {
                 complain("%s: element %llu of a producer after %llu", name.c_str(),
                          static_cast<unsigned long long>(element.number),
@@ -394,8 +399,8 @@ private:
         }
         noteTaken(element);
         --used;
-        uint64_t& last = lastRead[element.producer % kProducers];
-        bool& ended = drained[element.producer % kProducers];
+        uint64_t& last = lastRead[indexOf(element)];
+        bool& ended = drained[indexOf(element)];
         if (element.number <= last || (ended && element.number != last + 1)) {
             complain("%s: element %llu of a writer after %llu", name.c_str(),
                      static_cast<unsigned long long>(element.number),
