@@ -116,8 +116,8 @@ private:
 // found. A text that contains another one is expected before it.
 class Expectations {
 public:
-    // `due` is read whenever the file has been read. NULL: any number. Where `orText` is given, both
-    // texts together are due so often.
+    // `due` is read whenever the file has been read. NULL: any number. Where `orText` is given,
+    // both texts together are due so often.
     void expect(const char* channel, const char* text, const Count* due, const char* orText = "");
     // One line of the file, without its end.
     void take(std::string_view line);
