@@ -609,7 +609,7 @@ void CTimer::Impl::apply_scheduling(CTimer::Policy policy, int priority)
                        " is, min: ", min, ", max: ", max);
     }
     if (pthread_setschedparam(worker, systemPolicy, &parameters) != 0) {
-        // By contract: the text is that of errno, which the call leaves as it was, and not that of
+        // By contract: the text is that of errno, whatever the call has left there, and not that of
         // the call's result.
         const int error = errno;
         TIMER_TRACE_AS("Impl", VorTraceLevel1, quotedName,
