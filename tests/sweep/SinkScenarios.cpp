@@ -1,7 +1,10 @@
 // SinkSweepProbe <file> <rounds> [step]: messages through libVorTrace, which writes them to
-// VT_OUTPUT; what comes to the file is said with the step that wrote it. It knows nothing of faults:
-// see tests/sweep/sweep.py.
-#include <fstream>
+// VT_OUTPUT, a file or a named pipe; what comes to it is said with the step that wrote it. It knows
+// nothing of faults: see tests/sweep/sweep.py.
+#include <sys/stat.h>
+
+#include <iterator>
+#include <ostream>
 
 #include "Framework/VT/VT.h"
 #include "Framework/VT/VorTrace.h"
@@ -58,16 +61,66 @@ void messages(int round)
     act("last-message", [] { say("last"); });
 }
 
+int reader = -1;
+bool staysFull = false; // the pipe; nothing is read from it
+
+int opened(int flags)
+{
+    const int descriptor = open(outputPath, flags | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (descriptor < 0) {
+        std::abort();
+    }
+    return descriptor;
+}
+
+void read(std::string& text)
+{
+    char buffer[4096];
+    ssize_t length = 0;
+    while ((length = ::read(reader, buffer, sizeof buffer)) > 0) {
+        // What fills the pipe is no message.
+        std::copy_if(buffer, buffer + length, std::back_inserter(text),
+                     [](char character) { return character != '\0'; });
+    }
+}
+
+// A named pipe: without a failure, full, and without a reader.
+void pipeMessages(int)
+{
+    act("message", [] { say("first"); });
+    const int filler = opened(O_WRONLY);
+    const std::string filling(4096, '\0');
+    while (write(filler, filling.data(), filling.size()) > 0) {
+    }
+    close(filler);
+    staysFull = true;
+    step("message-to-a-full-pipe", [] {
+        const auto begin = std::chrono::steady_clock::now();
+        say("lost");
+        const auto end = std::chrono::steady_clock::now();
+        return std::string(end - begin >= std::chrono::milliseconds(100) ? "waited" : "at once");
+    });
+    act("one-more", [] { say("lost as well"); });
+    staysFull = false;
+    sweep::takeMessages();
+    act("message-again", [] { say("second"); });
+    close(reader);
+    reader = -1;
+    act("message-without-a-reader", [] { say("lost"); });
+    reader = opened(O_RDONLY);
+    act("message-to-a-reader", [] { say("third"); });
+}
+
 } // namespace
 
 void sweep::takeMessages()
 {
-    static std::streamoff position = 0;
-    std::ifstream file(outputPath);
-    file.seekg(position);
-    for (std::string line; std::getline(file, line);) {
-        Output::get().line("  " + line);
-        position += static_cast<std::streamoff>(line.size() + 1);
+    std::string text;
+    if (!staysFull) {
+        read(text);
+    }
+    for (size_t end = 0; (end = text.find('\n')) != std::string::npos; text.erase(0, end + 1)) {
+        Output::get().line("  " + text.substr(0, end));
     }
 }
 
@@ -78,6 +131,10 @@ int main(int argc, char** argv)
         return 2;
     }
     outputPath = argv[1];
+    struct stat status = {};
+    const bool isPipe = stat(outputPath, &status) == 0 && S_ISFIFO(status.st_mode);
+    reader = opened(isPipe ? O_RDONLY : O_RDONLY | O_CREAT);
     // The sink keeps its file to the end.
-    return sweep::runRounds(messages, std::atoi(argv[2]), argc > 3 ? std::atoi(argv[3]) : 0);
+    return sweep::runRounds(isPipe ? pipeMessages : messages, std::atoi(argv[2]),
+                            argc > 3 ? std::atoi(argv[3]) : 0);
 }

@@ -29,9 +29,10 @@ from typing import NamedTuple
 HERE = pathlib.Path(__file__).resolve().parent
 ROUNDS = 2
 TIME_LIMIT_S = 60
-SINK = "sink"
+SINKS = ("sink", "sinkPipe")
 # Polling and waiting make as many calls as there is time for: the first ones are made always.
 MOST_CALLS = {("drain", "ioctl"): 3, ("drain", "nanosleep"): 3,
+              ("sinkPipe", "poll"): 1, ("sinkPipe", "write"): 2,
               ("timerOnce", "pthread_cond_timedwait"): 1,
               ("timerCyclic", "pthread_cond_timedwait"): 2}
 # By contract a write whose wait has failed goes on waiting until a wait is interrupted: the next one
@@ -39,7 +40,7 @@ MOST_CALLS = {("drain", "ioctl"): 3, ("drain", "nanosleep"): 3,
 AND_THEN = {("client", "select", 1): "select:2:EINTR"}
 
 SCENARIOS = ["list", "hashTable", "stack", "pool", "fifo0", "fifo1", "fifo2", "server", "client",
-             "drain", "framedClient", "timerOnce", "timerCyclic", "sleep", "sysLog", SINK]
+             "drain", "framedClient", "timerOnce", "timerCyclic", "sleep", "sysLog", *SINKS]
 
 # The errors of the manual pages of section 2 and 3, but for those that only a wrong call gives
 # where a right one is made by construction (EFAULT). "-" is the table's usual error.
@@ -90,6 +91,9 @@ ERRORS: dict[str, str] = {
             "ETXTBSY",
     "shutdown": "EBADF EINVAL ENOTCONN ENOTSOCK", "close": "EBADF EINTR EIO ENOSPC EDQUOT",
     "ioctl": "EBADF EINVAL ENOTTY", "fcntl": "EACCES EAGAIN EBADF EINTR EINVAL EMFILE EPERM",
+    "poll": "EINTR EINVAL ENOMEM",
+    # Not EAGAIN, by which it says that no signal waits, nor EINVAL: one does, and the time is valid.
+    "sigtimedwait": "EINTR",
     "secure_getenv": "-", "dlopen": "-", "dladdr": "-", "dlclose": "-",
 }
 # What an entry of documented.txt for "allocation" holds for.
@@ -146,7 +150,7 @@ class Sweep:
         """Runs a scenario; `name` tells its files from those of other runs."""
         counts = self.folder / f"{name}.counts"
         output = self.folder / f"{name}.output"
-        is_sink = scenario == SINK
+        is_sink = scenario in SINKS
         environment = {
             "PATH": os.environ["PATH"],
             "KIVGCL_FAULTS_COUNT": str(counts),
@@ -160,6 +164,8 @@ class Sweep:
             variable, _, value = setting.partition("=")
             environment[variable] = value
         program = self.options.sink_probe if is_sink else self.options.probe
+        if scenario == "sinkPipe":
+            os.mkfifo(output)
         command = [program, str(output) if is_sink else scenario, str(rounds), str(left_out)]
         emulator = self.options.emulator.split()
         if emulator:
@@ -462,7 +468,7 @@ def main() -> int:
                 print(f"{scenario} does not run: {base.whole}")
                 return 1
             # The sink keeps its levels and its file to the end of the process.
-            if scenario != SINK and any(not line.endswith(": 0") for line in base.left):
+            if scenario not in SINKS and any(not line.endswith(": 0") for line in base.left):
                 complaints.append(f"{scenario}: left over without a failure: {base.left}")
         places = [(scenario, place) for scenario, base in bases.items()
                   for place in range(1, len(base.rounds[0]) + 1)]
