@@ -462,17 +462,17 @@ NextFunction next_of_free("free");
 
 GCLTEST_DEFINE_INTERPOSER(malloc, malloc, void*, (size_t size))
 {
-    return allocated<signature_malloc>(row_malloc, next_of_malloc, __builtin_return_address(0),
+    return allocated<signature_malloc>(row_of_malloc, next_of_malloc, __builtin_return_address(0),
                                        nullptr, size);
 }
 GCLTEST_DEFINE_INTERPOSER(calloc, calloc, void*, (size_t count, size_t size))
 {
-    return allocated<signature_calloc>(row_calloc, next_of_calloc, __builtin_return_address(0),
+    return allocated<signature_calloc>(row_of_calloc, next_of_calloc, __builtin_return_address(0),
                                        nullptr, count, size);
 }
 GCLTEST_DEFINE_INTERPOSER(realloc, realloc, void*, (void* memory, size_t size))
 {
-    return allocated<signature_realloc>(row_realloc, next_of_realloc, __builtin_return_address(0),
+    return allocated<signature_realloc>(row_of_realloc, next_of_realloc, __builtin_return_address(0),
                                         memory, memory, size);
 }
 GCLTEST_DEFINE_INTERPOSER(free, free, void, (void* memory))
