@@ -843,3 +843,8 @@ TEST(VorTraceSinkLimits, WithoutDescriptorsStandardErrorIsUsedInsteadOfAFile)
     EXPECT_EQ(parse(lines[2]).rest, onChannel("with descriptors"));
     EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
+
+TEST(VorTraceSinkMessage, ShowsTheFormatWhereTheSecondAttemptFails)
+{
+    EXPECT_EQ(restsOf("unformattableAnew"), Lines{onChannel("%s")});
+}
