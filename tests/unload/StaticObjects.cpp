@@ -15,6 +15,7 @@
 #include "Framework/GCL/CFifoBuffer.h"
 #include "Framework/GCL/CTimer.h"
 #include "Framework/GCL/ResultCodes.h"
+#include "tests/support/Sanitizers.h"
 
 #if __has_include(<valgrind/drd.h>) && __has_include(<valgrind/helgrind.h>)
 #define CHECKED_BY_VALGRIND
@@ -116,14 +117,23 @@ void buildEarliest()
 {
     new (earliest) Module("earliest");
     earliestModule().use("before every library's objects");
-    say("built before every library's objects\n");
+    say("earliest built\n");
     check(std::atexit([] {
               earliestModule().~Module();
-              say("destroyed after every library's objects\n");
+              say("earliest destroyed\n");
           }) == 0,
           "atexit");
 }
+#if defined(GCLTEST_ADDRESS_SANITIZER) || defined(GCLTEST_THREAD_SANITIZER)
+// The sanitizers are not ready before any library's objects are built themselves: after those,
+// then.
+__attribute__((constructor(101))) void buildEarliestInProgram()
+{
+    buildEarliest();
+}
+#else
 __attribute__((section(".preinit_array"), used)) void (*const kBuildEarliest)() = buildEarliest;
+#endif
 
 // A static object of the program.
 struct Usual {
