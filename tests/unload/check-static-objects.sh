@@ -5,11 +5,11 @@ set -eu
 program=$1
 shift
 said=$("$@" "$program")
-[ "$said" = "built before every library's objects
+[ "$said" = "earliest built
 built before main
 used in main
 destroyed after main
-destroyed after every library's objects" ] || {
+earliest destroyed" ] || {
     printf '%s\n' "$said"
     exit 1
 }

@@ -8,6 +8,18 @@
 extern "C" __attribute__((visibility("default"))) const char gcltest_faults;
 const char gcltest_faults = 0;
 
+#ifdef __clang__
+#if __has_feature(address_sanitizer)
+// clang puts the sanitizer's runtime into the program itself. The operator new that comes next to
+// this one is then the C++ library's, which takes its memory from malloc, while operator delete
+// stays the sanitizer's: that the two do not match is no error.
+extern "C" const char* __asan_default_options()
+{
+    return "alloc_dealloc_mismatch=0";
+}
+#endif
+#endif
+
 namespace gcltest::calls {
 namespace {
 
