@@ -256,6 +256,8 @@ class Results:
         """Each reason must be one for something that was measured, and its figures must exist."""
         operations = {case.operation for case in self.cases.values()}
         for reason in reasons:
+            if not reason.text:
+                raise Incomplete(f"{reason.operation}: a reason without a text")
             if reason.operation not in operations:
                 continue
             for side in reason.sides:
@@ -300,8 +302,8 @@ def table(results: Results, operations: list[str]) -> list[str]:
         "|---|---|--:|--:|--:|--:|---|--:|--:|---|",
     ]
     for operation in operations:
-        of_floor = results.targets[operation][0]
         for case in results.of(operation):
+            of_floor = results.targets[operation][0]
             ours = case.sides["ours"]
             cells = [
                 f"`{operation}`",
