@@ -6,12 +6,22 @@ these lines, alone on theirs, are replaced:
 
     @machine                  what was measured, on what, and when
     @verdict                  how many targets were met, and which were missed
-    @table                    a table of the operations named on the lines that follow, up to @end
+    @table                    a table of the operations named on the lines that follow, up to @end,
+                              and what they miss
     @sides                    the same, with every side and what ours takes of its time
     @plot FILE | OPERATION | AXIS | FIXED | CAPTION
                               a plot of an operation's cost against an axis of its setting; FIXED
                               gives the other axes a value each ("load=1, key=16"), or is empty
     @footprint                the sizes of the libraries
+
+Below an operation in a @table may stand why its targets are missed, if they are:
+
+    OPERATION
+      why SIDE; SIDE... | AXIS VALUE, AXIS VALUE...
+        text
+
+The setting may be left out. In the text {SIDE/SIDE} stands for a ratio and {SIDE} for a time, both of
+the case that misses. A miss without such a reason is printed as one, and named on standard error.
 
 Every operation that was measured must stand in a table, and every one that stands there must have
 been measured, on both sides.
@@ -28,6 +38,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 
 PEER_PACKAGES = (
@@ -60,6 +71,10 @@ NAME = re.compile(
     r"(?:/(?:iterations|repeats|threads|min_time|min_warmup_time):[.0-9]+"
     r"|/real_time|/manual_time|/process_time)*"
 )
+
+
+NO_REASON = "**No reason is known.**"
+PLACEHOLDER = re.compile(r"\{([^{}/]+)(?:/([^{}/]+))?\}")
 
 
 class Incomplete(Exception):
@@ -96,7 +111,7 @@ class Case:
 
     @property
     def title(self) -> str:
-        return ", ".join([self.operation] + [f"{a} {v:g}" for a, v in self.setting.items()])
+        return f"{self.operation}, {self.place}" if self.place else self.operation
 
     def best_peer(self) -> str | None:
         peers = [
@@ -106,8 +121,52 @@ class Case:
         ]
         return min(peers, key=lambda name: self.sides[name].median, default=None)
 
-    def ratio(self, other: str) -> float:
-        return round(self.sides["ours"].median / self.sides[other].median, 2)
+    @property
+    def place(self) -> str:
+        return ", ".join(f"{axis} {value:g}" for axis, value in self.setting.items())
+
+    def ratio(self, other: str, one: str = "ours") -> float:
+        return round(self.sides[one].median / self.sides[other].median, 2)
+
+
+@dataclass(frozen=True)
+class Miss:
+    """A target that a case misses."""
+
+    side: str
+    ratio: float
+    target: float
+
+    def __str__(self) -> str:
+        name = "the floor" if self.side == "floor" else self.side
+        return f"{self.ratio:.2f} of {name}, target {self.target:.2f}"
+
+
+@dataclass
+class Reason:
+    """Why an operation misses targets, at some of its settings or at all of them."""
+
+    operation: str
+    sides: list[str]
+    setting: dict[str, float]
+    text: str = ""
+
+    def fits(self, case: Case, side: str) -> bool:
+        same = all(case.setting.get(axis) == value for axis, value in self.setting.items())
+        return case.operation == self.operation and side in self.sides and same
+
+    def of(self, case: Case) -> str:
+        """The text with the figures of a case."""
+
+        def figure(match: re.Match[str]) -> str:
+            for side in match.groups():
+                if side is not None and side not in case.sides:
+                    raise Incomplete(f"{case.title}: the reason names {side}, not measured")
+            if match[2] is None:
+                return time_text(case.sides[match[1]].median)
+            return f"{case.ratio(match[2], match[1]):.2f}"
+
+        return PLACEHOLDER.sub(figure, self.text)
 
 
 class Results:
@@ -179,17 +238,35 @@ class Results:
         of_floor = self.targets[case.operation][0]
         return bool(of_floor) or any(self.target_of(case, side) for side in case.sides)
 
-    def misses(self, case: Case) -> list[str]:
-        """The targets that the case misses, as text."""
-        of_floor = self.targets[case.operation][0]
-        missed = []
-        if of_floor and case.ratio("floor") > of_floor:
-            missed.append(f"{case.ratio('floor'):.2f} of the floor, target {of_floor:.2f}")
-        for peer in case.sides:
-            of_peer = self.target_of(case, peer)
-            if of_peer and case.ratio(peer) > of_peer:
-                missed.append(f"{case.ratio(peer):.2f} of {peer}, target {of_peer:.2f}")
-        return missed
+    def misses(self, case: Case) -> list[Miss]:
+        """The targets that the case misses."""
+        targets = {"floor": self.targets[case.operation][0]}
+        targets |= {side: self.target_of(case, side) for side in case.sides if side != "floor"}
+        return [
+            Miss(side, case.ratio(side), target)
+            for side, target in targets.items()
+            if target and case.ratio(side) > target
+        ]
+
+    def reason(self, reasons: list[Reason], case: Case, side: str) -> str:
+        """Why a case misses its target on a side; empty if nobody knows."""
+        return next((reason.of(case) for reason in reasons if reason.fits(case, side)), "")
+
+    def check(self, reasons: list[Reason]) -> None:
+        """Each reason must be one for something that was measured, and its figures must exist."""
+        operations = {case.operation for case in self.cases.values()}
+        for reason in reasons:
+            if not reason.text:
+                raise Incomplete(f"{reason.operation}: a reason without a text")
+            if reason.operation not in operations:
+                continue
+            for side in reason.sides:
+                fitting = [case for case in self.of(reason.operation) if reason.fits(case, side)]
+                fitting = [case for case in fitting if side in case.sides]
+                if not fitting:
+                    raise Incomplete(f"{reason.operation}: a reason for {side}, which fits no case")
+                for case in fitting:
+                    reason.of(case)
 
 
 def time_text(seconds: float) -> str:
@@ -203,18 +280,34 @@ def output_of(*command: str) -> str:
     return subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip()
 
 
+def missed(results: Results, operations: list[str], reasons: list[Reason]) -> list[str]:
+    """What the operations miss, and why; what they miss for the same reason stands together."""
+    whys: dict[tuple[str, str], list[str]] = {}
+    for operation in operations:
+        for case in results.of(operation):
+            for miss in results.misses(case):
+                why = results.reason(reasons, case, miss.side) or NO_REASON
+                text = f"{case.place}: {miss}" if case.place else str(miss)
+                whys.setdefault((operation, why), []).append(text)
+    if not whys:
+        return []
+    lines = ["", "Missed:", ""]
+    lines += [f"- `{name}`: {'; '.join(texts)}. {why}" for (name, why), texts in whys.items()]
+    return lines
+
+
 def table(results: Results, operations: list[str]) -> list[str]:
     lines = [
         "| operation | setting | ours | floor | ratio | target | best peer | ratio | target | |",
         "|---|---|--:|--:|--:|--:|---|--:|--:|---|",
     ]
     for operation in operations:
-        of_floor = results.targets[operation][0]
         for case in results.of(operation):
+            of_floor = results.targets[operation][0]
             ours = case.sides["ours"]
             cells = [
                 f"`{operation}`",
-                ", ".join(f"{axis} {value:g}" for axis, value in case.setting.items()),
+                case.place,
                 f"{time_text(ours.median)} ±{ours.spread:.0%}",
                 time_text(case.sides["floor"].median),
                 f"{case.ratio('floor'):.2f}",
@@ -253,7 +346,7 @@ def sides(results: Results, operations: list[str]) -> list[str]:
     ]
     for operation in operations:
         for case in results.of(operation):
-            where = [f"`{operation}`", ", ".join(f"{a} {v:g}" for a, v in case.setting.items())]
+            where = [f"`{operation}`", case.place]
             for name, side in sorted(case.sides.items(), key=lambda item: item[1].median):
                 target = results.target_of(case, name)
                 if name == "floor":
@@ -347,13 +440,18 @@ def machine(results: Results, build: str) -> list[str]:
     ]
 
 
-def verdict(results: Results) -> list[str]:
+def verdict(results: Results, reasons: list[Reason]) -> list[str]:
     judged = [case for case in results.cases.values() if results.judged(case)]
-    missed = [(case, results.misses(case)) for case in judged if results.misses(case)]
-    lines = [f"{len(judged) - len(missed)} of {len(judged)} cases meet their targets."]
-    if missed:
-        lines += ["Missed:", ""]
-        lines += [f"- {case.title}: {'; '.join(texts)}" for case, texts in missed]
+    missing = [case for case in judged if results.misses(case)]
+    lines = [f"{len(judged) - len(missing)} of {len(judged)} cases meet their targets."]
+    if missing:
+        lines += ["Missed, each with its reason below its table:", ""]
+    for case in missing:
+        texts = [
+            f"{miss}" if results.reason(reasons, case, miss.side) else f"{miss} ({NO_REASON})"
+            for miss in results.misses(case)
+        ]
+        lines.append(f"- {case.title}: {'; '.join(texts)}")
     return lines
 
 
@@ -376,7 +474,45 @@ def footprint(build: str) -> list[str]:
     return lines
 
 
-def page(results: Results, template: str, build: str, plots: str, output: str) -> str:
+def read_block(lines: Iterator[str]) -> tuple[list[str], list[Reason]]:
+    """The operations of a table and the reasons below them, up to @end."""
+    operations: list[str] = []
+    reasons: list[Reason] = []
+    for line in lines:
+        words = line.strip()
+        if words == "@end":
+            return operations, reasons
+        if not line.startswith(" "):
+            operations.append(words)
+        elif words.startswith("why ") and operations:
+            names, _, setting = words[len("why ") :].partition("|")
+            pairs = [pair.strip().rpartition(" ") for pair in setting.split(",") if pair.strip()]
+            values = {axis: float(value) for axis, _, value in pairs}
+            reasons.append(Reason(operations[-1], [n.strip() for n in names.split(";")], values))
+        elif reasons:
+            reasons[-1].text = f"{reasons[-1].text} {words}".strip()
+        else:
+            raise Incomplete(f"the template's line is not understood: {line}")
+    raise Incomplete("a table of the template has no @end")
+
+
+def read_reasons(template: str) -> list[Reason]:
+    reasons: list[Reason] = []
+    lines = iter(template.splitlines())
+    for line in lines:
+        if line in ("@table", "@sides"):
+            reasons += read_block(lines)[1]
+    return reasons
+
+
+def page(
+    results: Results,
+    template: str,
+    reasons: list[Reason],
+    build: str,
+    plots: str,
+    output: str,
+) -> str:
     written: list[str] = []
     tabled: list[str] = []
     lines = iter(template.splitlines())
@@ -385,17 +521,16 @@ def page(results: Results, template: str, build: str, plots: str, output: str) -
         if command == "@machine":
             written += machine(results, build)
         elif command == "@verdict":
-            written += verdict(results)
+            written += verdict(results, reasons)
         elif command == "@footprint":
             written += footprint(build)
         elif command in ("@table", "@sides"):
-            operations = []
-            for operation in lines:
-                if operation == "@end":
-                    break
-                operations.append(operation)
+            operations = read_block(lines)[0]
             tabled += operations
-            written += (table if command == "@table" else sides)(results, operations)
+            if command == "@sides":
+                written += sides(results, operations)
+            else:
+                written += table(results, operations) + missed(results, operations, reasons)
         elif command == "@plot":
             name, operation, axis, fixed, caption = [part.strip() for part in rest.split("|")]
             values = dict(pair.strip().split("=") for pair in fixed.split(",") if pair.strip())
@@ -423,22 +558,30 @@ def main() -> int:
     parser = argparse.ArgumentParser(description="Writes the page on performance.")
     parser.add_argument("--results", required=True, help="directory of the JSON files")
     parser.add_argument("--build", required=True, help="the build directory that was measured")
-    parser.add_argument("--template", help="the template; without it, the tables are printed")
-    parser.add_argument("--output", help="the page to write; its plots go beside it")
+    parser.add_argument("--template", required=True, help="the page's template")
+    parser.add_argument("--output", help="the page to write; its plots go beside it. Without it, "
+                        "what was measured is printed as one table")
     arguments = parser.parse_args()
     try:
         results = Results(arguments.results)
-        if arguments.template is None:
-            operations = list(dict.fromkeys(case.operation for case in results.cases.values()))
-            print("\n".join(table(results, operations) + [""] + verdict(results)))
-            return 0
         with open(arguments.template, encoding="utf-8") as file:
             template = file.read()
+        reasons = read_reasons(template)
+        results.check(reasons)
+        if arguments.output is None:
+            operations = list(dict.fromkeys(case.operation for case in results.cases.values()))
+            lines = table(results, operations) + missed(results, operations, reasons)
+            print("\n".join(lines + [""] + verdict(results, reasons)))
+            return 0
         plots = os.path.splitext(arguments.output)[0]
         os.makedirs(plots, exist_ok=True)
-        text = page(results, template, arguments.build, plots, arguments.output)
+        text = page(results, template, reasons, arguments.build, plots, arguments.output)
         with open(arguments.output, "w", encoding="utf-8") as file:
             file.write(text)
+        for case in results.cases.values():
+            for miss in results.misses(case):
+                if not results.reason(reasons, case, miss.side):
+                    print(f"missed without a reason: {case.title}: {miss}", file=sys.stderr)
     except Incomplete as error:
         print(f"bench/report.py: {error}", file=sys.stderr)
         return 1

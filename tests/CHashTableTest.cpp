@@ -319,6 +319,19 @@ TEST(CHashTableSet, StoresACopyOfTheKeyFilledUpWithZeros)
     expectSilence();
 }
 
+TEST(CHashTableSet, TakesTheSizeOfAPair)
+{
+    OwnedTable table(1);
+    std::vector<size_t> sizes;
+    const Hook hook(calls::newArray, [&sizes](size_t size) {
+        sizes.push_back(size);
+        return calls::newArray.real(size);
+    });
+    ASSERT_EQ(CHashTable_Set(&table, "a", 1), GCL_OK);
+    ASSERT_EQ(CHashTable_Set(&table, std::string(300, 'n').c_str(), 1), GCL_OK);
+    EXPECT_EQ(sizes, (std::vector<size_t>{sizeof(CHashTablePair), sizeof(CHashTablePair)}));
+}
+
 TEST(CHashTableSet, FillsUpKeysOfAnyLengthWithZeros)
 {
     const Hook hook(calls::newArray, [](size_t size) {

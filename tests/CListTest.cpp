@@ -21,6 +21,7 @@ using gcltest::Failure;
 using gcltest::Fault;
 using gcltest::Frees;
 using gcltest::gclReport;
+using gcltest::Hook;
 using gcltest::Report;
 using gcltest::takeReports;
 namespace calls = gcltest::calls;
@@ -926,6 +927,19 @@ TEST(CListAllocation, TakesOneArrayForEachInsertedNodeAndNoneForTheRest)
     CList_PopHead(&list, &item);
     EXPECT_EQ(arrays.calls(), 4u);
     EXPECT_EQ(scalars.calls(), 0u);
+}
+
+TEST(CListAllocation, TakesTheSizeOfANode)
+{
+    OwnedList list;
+    std::vector<size_t> sizes;
+    const Hook hook(calls::newArray, [&sizes](size_t size) {
+        sizes.push_back(size);
+        return calls::newArray.real(size);
+    });
+    CList_PushHead(&list, 1);
+    CList_PushTail(&list, 2);
+    EXPECT_EQ(sizes, (std::vector<size_t>{sizeof(CListNode), sizeof(CListNode)}));
 }
 
 TEST(CListAllocation, PassesAFailureOnWithTheListAsItWas)
