@@ -320,10 +320,10 @@ uint32_t CTcpSocket_Write(CTcpSocket* pThis, const void* pData, int32_t* piDataL
                 return GCL_TIMED_OUT;
             }
             // By contract: after a failed wait nothing is sent, and the call goes on waiting, until
-            // a wait is interrupted (that clears the failure) or times out.
+            // a wait is interrupted (that clears the failure) or times out. The last branch below
+            // begins the next pass.
             if (wait == Wait::failed) {
                 status = GCL_SOCKET_FAILED;
-                continue;
             }
             // By contract: an interrupted wait counts as ready. Its set is as it was passed in.
             if (wait == Wait::interrupted) {
