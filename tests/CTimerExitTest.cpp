@@ -78,15 +78,15 @@ struct Watch {
             calls::deleteArray.real(memory);
         }};
     // Nothing comes out of the sink's writes.
-    Hook<ssize_t(int, const void*, size_t)> message{
-        calls::write,
-        [this](int, const void*, size_t size) {
-            while (held) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-            return static_cast<ssize_t>(size);
-        },
-        Threads::all};
+    Hook<ssize_t(int, const void*, size_t)> message{calls::write,
+                                                    [this](int, const void*, size_t size) {
+                                                        while (held) {
+                                                            std::this_thread::sleep_for(
+                                                                std::chrono::milliseconds(1));
+                                                        }
+                                                        return static_cast<ssize_t>(size);
+                                                    },
+                                                    Threads::all};
 };
 Watch* Watch::active = nullptr;
 
