@@ -739,3 +739,8 @@ TEST(VorTraceSinkFailingOutput, EveryResultOfWrite)
     const Outcome outcome = run("writeResults");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
 }
+
+TEST(VorTraceSinkMessage, ShowsTheFormatWhereTheSecondAttemptFails)
+{
+    EXPECT_EQ(restsOf("unformattableAnew"), Lines{onChannel("%s")});
+}

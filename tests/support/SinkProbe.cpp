@@ -403,6 +403,16 @@ void unformattable()
     VT_endImpl(&channel);
 }
 
+// The second attempt, with more memory for the text, fails.
+void unformattableAnew()
+{
+    const Fault fault(calls::vsnprintf, {-1, ENOMEM, 2});
+    VT_beginImpl(&channel, 1, &kHeader);
+    VT_rawprintf(&channel, "%s", std::string(2000, 'x').c_str());
+    VT_endImpl(&channel);
+    CHECK(fault.failures() == 1);
+}
+
 // Messages of all levels on KIV.TEST and KIV.OTHER.
 void levelsOfChannels()
 {
@@ -1157,6 +1167,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"timeStamp", timeStamp},
         {"toSyslog", toSyslog},
         {"unformattable", unformattable},
+        {"unformattableAnew", unformattableAnew},
         {"usualMessagesAllocateNothing", usualMessagesAllocateNothing},
         {"veryEndOfAThread", veryEndOfAThread},
         {"writeResults", writeResults},

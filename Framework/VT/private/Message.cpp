@@ -46,14 +46,14 @@ public:
     {
         va_list again;
         va_copy(again, arguments);
-        const int formatted = vsnprintf(data() + size, room() + 1, format, arguments);
+        int formatted = vsnprintf(data() + size, room() + 1, format, arguments);
+        // Without more room the text stands there already, cut.
+        if (formatted > 0 && static_cast<size_t>(formatted) > room() &&
+            makeRoom(static_cast<size_t>(formatted))) {
+            formatted = vsnprintf(data() + size, room() + 1, format, again);
+        }
         if (formatted > 0) {
-            const auto length = static_cast<size_t>(formatted);
-            // Without more room the text stands there already, cut.
-            if (length > room() && makeRoom(length)) {
-                static_cast<void>(vsnprintf(data() + size, room() + 1, format, again));
-            }
-            size += std::min(length, room());
+            size += std::min(static_cast<size_t>(formatted), room());
         }
         va_end(again);
         return formatted >= 0;
