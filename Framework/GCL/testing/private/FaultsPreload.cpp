@@ -216,39 +216,46 @@ bool countsFor(const void* returnAddress)
 
 // ---- The calls
 
-// Counts a call; whether it must fail, with which error.
-bool mustFail(RowId id, const void* returnAddress, int& error)
+struct Verdict {
+    bool counted = false;
+    bool fails = false;
+    int error = 0;
+};
+
+// Counts a call, and says whether it must fail.
+Verdict verdictOn(RowId id, const void* returnAddress)
 {
+    Verdict verdict;
     Row& row = rows[id];
     if (!enabled.load(std::memory_order_acquire) || busy) {
-        return false;
+        return verdict;
     }
     if (id == row_dlclose) {
         forgetObjects();
     }
     if (countPath == nullptr && !row.hasEntries) {
-        return false;
+        return verdict;
     }
     const int savedErrno = errno;
-    bool counts = false;
     {
         const Busy guard;
-        counts = countsFor(returnAddress);
+        verdict.counted = countsFor(returnAddress);
     }
     errno = savedErrno;
-    if (!counts) {
-        return false;
+    if (!verdict.counted) {
+        return verdict;
     }
     const unsigned number = ++row.calls;
     for (unsigned i = 0; i < entryCount; ++i) {
         const Entry& entry = wantedFaults[i];
         if (entry.row == id && (number == entry.nth || (entry.onwards && number > entry.nth))) {
             ++row.failures;
-            error = entry.error;
-            return true;
+            verdict.fails = true;
+            verdict.error = entry.error;
+            break;
         }
     }
-    return false;
+    return verdict;
 }
 
 template <typename Result>
@@ -290,9 +297,9 @@ public:
 
     Result operator()(Arguments... arguments) const
     {
-        int error = 0;
-        if (mustFail(id, returnAddress, error)) {
-            return failedCall<Result>(rows[id], error);
+        const Verdict verdict = verdictOn(id, returnAddress);
+        if (verdict.fails) {
+            return failedCall<Result>(rows[id], verdict.error);
         }
         return reinterpret_cast<Result (*)(Arguments...)>(next.get())(arguments...);
     }
@@ -336,7 +343,172 @@ GCLTEST_TIME64_CALLS(GCLTEST_NEXT_TIME64)
 } // namespace
 
 GCLTEST_DEFINE_INTERPOSERS
-GCLTEST_MEMORY_CALLS(GCLTEST_INTERPOSE)
+
+// ---- Memory
+
+namespace {
+
+// The blocks that counted callers were given and nobody has freed: a table of addresses, each at or
+// behind the place that it hashes to, without a gap between.
+class Blocks {
+public:
+    void add(const void* block)
+    {
+        const Lock lock(busyNow);
+        if (known == kMost - 1) {
+            overflown = true; // one place stays empty, for the ends of searches
+            return;
+        }
+        table[placeFor(block)] = block;
+        ++known;
+    }
+
+    // Whether it was there.
+    bool remove(const void* block)
+    {
+        if (block == nullptr || known == 0) {
+            return false;
+        }
+        const Lock lock(busyNow);
+        unsigned gap = placeFor(block);
+        if (table[gap] == nullptr) {
+            return false;
+        }
+        --known;
+        for (unsigned place = next(gap); table[place] != nullptr; place = next(place)) {
+            // Those that do not hash to a place behind the gap move into it.
+            const unsigned home = homeOf(table[place]);
+            if ((place - home) % kMost >= (place - gap) % kMost) {
+                table[gap] = table[place];
+                gap = place;
+            }
+        }
+        table[gap] = nullptr;
+        return true;
+    }
+
+    // False where there were too many.
+    bool count(unsigned& number) const
+    {
+        number = known;
+        return !overflown;
+    }
+
+private:
+    static constexpr unsigned kMost = 1U << 15;
+
+    class Lock {
+    public:
+        explicit Lock(std::atomic_flag& toTake) : flag(toTake)
+        {
+            while (flag.test_and_set(std::memory_order_acquire)) {
+                kernel(SYS_sched_yield);
+            }
+        }
+        ~Lock() { flag.clear(std::memory_order_release); }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+    private:
+        std::atomic_flag& flag;
+    };
+
+    static unsigned next(unsigned place) { return (place + 1) % kMost; }
+    static unsigned homeOf(const void* block)
+    {
+        return (static_cast<uint32_t>(reinterpret_cast<uintptr_t>(block) / 8) * 2654435761U) >> 17;
+    }
+    // Where the block is, or else would be.
+    unsigned placeFor(const void* block) const
+    {
+        unsigned place = homeOf(block);
+        while (table[place] != nullptr && table[place] != block) {
+            place = next(place);
+        }
+        return place;
+    }
+
+    std::atomic_flag busyNow = ATOMIC_FLAG_INIT;
+    const void* table[kMost] = {};
+    std::atomic<unsigned> known{0};
+    bool overflown = false;
+};
+
+Blocks unfreed;
+
+// What malloc, calloc and realloc do.
+template <typename Signature, typename... Arguments>
+void* allocated(RowId id, NextFunction& next, const void* returnAddress, void* before,
+                Arguments... arguments)
+{
+    const Verdict verdict = verdictOn(id, returnAddress);
+    if (verdict.fails) {
+        return failedCall<void*>(rows[id], verdict.error);
+    }
+    // Before another thread can be given the address.
+    const bool wasKnown = unfreed.remove(before);
+    void* const block = reinterpret_cast<Signature*>(next.get())(arguments...);
+    if (block != nullptr && countPath != nullptr && (verdict.counted || wasKnown)) {
+        unfreed.add(block);
+    } else if (block == nullptr && wasKnown) {
+        unfreed.add(before);
+    }
+    return block;
+}
+
+NextFunction next_of_free("free");
+
+} // namespace
+
+GCLTEST_DEFINE_INTERPOSER(malloc, malloc, void*, (size_t size))
+{
+    return allocated<signature_malloc>(row_of_malloc, next_of_malloc, __builtin_return_address(0),
+                                       nullptr, size);
+}
+GCLTEST_DEFINE_INTERPOSER(calloc, calloc, void*, (size_t count, size_t size))
+{
+    return allocated<signature_calloc>(row_of_calloc, next_of_calloc, __builtin_return_address(0),
+                                       nullptr, count, size);
+}
+GCLTEST_DEFINE_INTERPOSER(realloc, realloc, void*, (void* memory, size_t size))
+{
+    return allocated<signature_realloc>(row_of_realloc, next_of_realloc,
+                                        __builtin_return_address(0), memory, memory, size);
+}
+GCLTEST_DEFINE_INTERPOSER(free, free, void, (void* memory))
+{
+    // The look-up frees memory, which is kept.
+    __attribute__((tls_model("initial-exec"))) static thread_local bool lookingUp = false;
+    if (lookingUp) {
+        return;
+    }
+    lookingUp = true;
+    void* const function = next_of_free.get();
+    lookingUp = false;
+    unfreed.remove(memory);
+    reinterpret_cast<void (*)(void*)>(function)(memory);
+}
+
+// For programs that ask while they run, by dlsym: the calls of a function of the table so far, and
+// the failures of all.
+extern "C" __attribute__((visibility("default"), used)) unsigned
+kivgclFaultsCalls(const char* function)
+{
+    for (const Row& row : rows) {
+        if (strcmp(row.name, function) == 0) {
+            return row.calls;
+        }
+    }
+    return 0;
+}
+extern "C" __attribute__((visibility("default"), used)) unsigned kivgclFaultsFailures()
+{
+    unsigned failures = 0;
+    for (const Row& row : rows) {
+        failures += row.failures;
+    }
+    return failures;
+}
 
 namespace {
 
@@ -618,10 +790,10 @@ bool countFileName(Text& name)
            name.append(static_cast<unsigned>(process)) && name.append(place + 2);
 }
 
-bool lineFor(const Row& row, Text& line)
+bool lineOf(const char* name, unsigned first, unsigned second, Text& line)
 {
-    return line.append(row.name) && line.append(" ") && line.append(row.calls.load()) &&
-           line.append(" ") && line.append(row.failures.load()) && line.append("\n");
+    return line.append(name) && line.append(" ") && line.append(first) && line.append(" ") &&
+           line.append(second) && line.append("\n");
 }
 
 void writeCounts()
@@ -636,12 +808,20 @@ void writeCounts()
     const long file =
         kernel(SYS_openat, AT_FDCWD, name.get(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     bool written = file >= 0;
+    const auto write = [&](const Text& line) {
+        written = written && kernel(SYS_write, file, line.get(), line.size()) ==
+                                 static_cast<long>(line.size());
+    };
     for (const Row& row : rows) {
         Text line;
-        if (written && row.calls > 0 && lineFor(row, line)) {
-            written =
-                kernel(SYS_write, file, line.get(), line.size()) == static_cast<long>(line.size());
+        if (row.calls > 0 && lineOf(row.name, row.calls, row.failures, line)) {
+            write(line);
         }
+    }
+    Text line;
+    unsigned blocks = 0;
+    if (unfreed.count(blocks) && lineOf("unfreed", blocks, 0, line)) {
+        write(line);
     }
     if (file >= 0) {
         kernel(SYS_close, file);
