@@ -48,6 +48,18 @@ void list()
     CList_Destruct(&items);
 }
 
+// A list that is never destructed: its nodes, one of them given back, are left over.
+void keep()
+{
+    CList items;
+    CList_Construct(&items);
+    for (unsigned long i = 0; i < 1000; ++i) {
+        CList_PushTail(&items, i);
+    }
+    unsigned long item = 0;
+    CList_PopHead(&items, &item);
+}
+
 void print()
 {
     CList items;
@@ -114,6 +126,8 @@ void run(const std::string& step)
 {
     if (step == "list") {
         list();
+    } else if (step == "keep") {
+        keep();
     } else if (step == "print") {
         print();
     } else if (step == "fifo") {

@@ -131,6 +131,13 @@ for end in abort exit; do
     run "KIVGCL_FAULTS_COUNT=$work/counts" "list $end" "$@"
     counts newArray 3 0
 done
+# What is not freed, and who frees what is.
+if ! grep -q __asan_init "$probe"; then
+    run "KIVGCL_FAULTS_COUNT=$work/counts" 'list own fifo' "$@"
+    counts unfreed 0 0
+    run "KIVGCL_FAULTS_COUNT=$work/counts" 'list keep list' "$@"
+    counts unfreed 999 0
+fi
 # A child of fork leaves the file to its parent, and writes one of its own where it has a name.
 run "KIVGCL_FAULTS_COUNT=$work/counts" 'list fork' "$@"
 counts newArray 3 0

@@ -231,9 +231,9 @@ int runRounds(Scenario scenario, int rounds, int stepLeftOut)
     }
     static_cast<void>(Strike::get());
     static_cast<void>(ErrorOutput::get());
+    const long threads = entriesOf("/proc/self/task");
     std::thread([] {}).join();
     const long descriptors = entriesOf("/proc/self/fd");
-    const long threads = entriesOf("/proc/self/task");
     for (int round = 1; round <= rounds; ++round) {
         output.line("round " + std::to_string(round));
         scenario(round);

@@ -1,5 +1,5 @@
-// SweepProbe <scenario> <rounds> [step]: the library's modules, one scenario each. It knows nothing of
-// faults: see tests/sweep/sweep.py.
+// SweepProbe <scenario> <rounds> [step]: the library's modules, one scenario each. It knows nothing
+// of faults: see tests/sweep/sweep.py.
 #include <netdb.h>
 #include <netinet/in.h>
 #include <semaphore.h>
@@ -461,7 +461,8 @@ const std::map<std::string, void (*)()>& scenarios()
     return table;
 }
 
-// What the C library keeps for all its users, or for the last one, it gets on this program's account.
+// What the C library keeps for all its users, or for the last one, it gets on this program's
+// account.
 void takeOver()
 {
     openlog("sweep", LOG_PERROR, LOG_USER);
@@ -489,8 +490,7 @@ void takeOver()
 
 int main(int argc, char** argv)
 {
-    const auto scenario =
-        argc == 3 || argc == 4 ? scenarios().find(argv[1]) : scenarios().end();
+    const auto scenario = argc == 3 || argc == 4 ? scenarios().find(argv[1]) : scenarios().end();
     if (scenario == scenarios().end()) {
         fprintf(stderr, "usage: %s <scenario> <rounds> [step to leave out]\n",
                 argc > 0 ? argv[0] : "SweepProbe");

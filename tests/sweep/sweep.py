@@ -6,8 +6,8 @@ error of its manual page, and for each allocation, it is run in a process of its
 call fails, with a second round behind it. documented.txt says, from the headers, what must come of
 it: the result and the reports of the operation that made the call, and whether the operation has
 been done all the same. What follows must be what follows in a run without a failure or, where the
-operation has not been done, in a run in which the program leaves it out. In the second round nothing
-may differ. No descriptor, no thread and no memory may be left over.
+operation has not been done, in a run in which the program leaves it out. In the second round
+nothing may differ. No descriptor, no thread and no memory may be left over.
 
 Each entry of documented.txt must be seen at least once. An import of the libraries that no scenario
 fails must stand, with the reason, in never-failed.txt or in ../abi/not-failed.txt.
@@ -30,13 +30,14 @@ HERE = pathlib.Path(__file__).resolve().parent
 ROUNDS = 2
 TIME_LIMIT_S = 60
 SINKS = ("sink", "sinkPipe")
-# Polling and waiting make as many calls as there is time for: the first ones are made always.
+# Polling and waiting make as many calls as there is time for: these are failed, and on a slow
+# machine all but the first may not be made in the first round.
 MOST_CALLS = {("drain", "ioctl"): 3, ("drain", "nanosleep"): 3,
               ("sinkPipe", "poll"): 1, ("sinkPipe", "write"): 2,
               ("timerOnce", "pthread_cond_timedwait"): 1,
               ("timerCyclic", "pthread_cond_timedwait"): 2}
-# By contract a write whose wait has failed goes on waiting until a wait is interrupted: the next one
-# is.
+# By contract a write whose wait has failed goes on waiting until a wait is interrupted: the next
+# one is.
 AND_THEN = {("client", "select", 1): "select:2:EINTR"}
 
 SCENARIOS = ["list", "hashTable", "stack", "pool", "fifo0", "fifo1", "fifo2", "server", "client",
@@ -65,8 +66,8 @@ ERRORS: dict[str, str] = {
     "prctl": "EINVAL EPERM",
     "pthread_cond_timedwait": "EINVAL EPERM ETIMEDOUT EINTR",
     "nanosleep": "EINTR EINVAL",
-    "getaddrinfo": "EAI_ADDRFAMILY EAI_AGAIN EAI_BADFLAGS EAI_FAIL EAI_FAMILY EAI_MEMORY EAI_NODATA "
-                   "EAI_NONAME EAI_SERVICE EAI_SOCKTYPE EAI_SYSTEM",
+    "getaddrinfo": "EAI_ADDRFAMILY EAI_AGAIN EAI_BADFLAGS EAI_FAIL EAI_FAMILY EAI_MEMORY "
+                   "EAI_NODATA EAI_NONAME EAI_SERVICE EAI_SOCKTYPE EAI_SYSTEM",
     "inet_aton": "-",
     "socket": "EACCES EAFNOSUPPORT EINVAL EMFILE ENFILE ENOBUFS ENOMEM EPROTONOSUPPORT",
     "setsockopt": "EBADF EDOM EINVAL ENOPROTOOPT ENOTSOCK EISCONN ENOMEM ENOBUFS",
@@ -92,7 +93,7 @@ ERRORS: dict[str, str] = {
     "shutdown": "EBADF EINVAL ENOTCONN ENOTSOCK", "close": "EBADF EINTR EIO ENOSPC EDQUOT",
     "ioctl": "EBADF EINVAL ENOTTY", "fcntl": "EACCES EAGAIN EBADF EINTR EINVAL EMFILE EPERM",
     "poll": "EINTR EINVAL ENOMEM",
-    # Not EAGAIN, by which it says that no signal waits, nor EINVAL: one does, and the time is valid.
+    # Not EAGAIN, by which it says that no signal waits, nor EINVAL: one does, the time is valid.
     "sigtimedwait": "EINTR",
     "secure_getenv": "-", "dlopen": "-", "dladdr": "-", "dlclose": "-",
 }
@@ -102,7 +103,8 @@ ALLOCATIONS = ("newScalar", "newArray", "malloc", "calloc", "realloc")
 # The table's names of functions that the libraries import by other names.
 IMPORTED_AS = {
     "_Znwm": "newScalar", "_Znwj": "newScalar", "_Znam": "newArray", "_Znaj": "newArray",
-    "_ZdaPv": "deleteArray", "__register_atfork": "register_atfork", "__gmtime64_r": "gmtime_r", "_IO_putc": "putc",
+    "_ZdaPv": "deleteArray", "__register_atfork": "register_atfork", "__gmtime64_r": "gmtime_r",
+    "_IO_putc": "putc",
     "open64": "open", "__open_2": "open", "fcntl64": "fcntl",
 }
 
@@ -176,7 +178,7 @@ class Sweep:
             done = subprocess.run(command, env=environment, capture_output=True, text=True,
                                   errors="replace", timeout=TIME_LIMIT_S, check=False,
                                   stdin=subprocess.DEVNULL)
-            lines = [line for line in done.stdout.splitlines()]
+            lines = done.stdout.splitlines()
             if done.returncode != 0:
                 lines += [*done.stderr.splitlines(), f"exit status: {done.returncode}"]
         except subprocess.TimeoutExpired:
@@ -208,9 +210,9 @@ def parsed(lines: list[str], calls: dict[str, tuple[int, int]]) -> Run:
             rounds[-1][-1].struck = line.split()[1]
         elif line.startswith("  ") and rounds[-1]:
             # A queue that empties slowly is said to be at several lengths.
-            if line.endswith("Bytes left: N      code: 0x840") and line[2:] in rounds[-1][-1].reports:
-                continue
-            rounds[-1][-1].reports.append(line[2:])
+            reports = rounds[-1][-1].reports
+            if not (line.endswith("Bytes left: N      code: 0x840") and line[2:] in reports):
+                reports.append(line[2:])
         else:
             name, _, result = line.partition(": ")
             rounds[-1].append(Step(name, result))
@@ -507,6 +509,9 @@ def main() -> int:
                 complaints.append(f"{what}: the call was not failed: {run.whole}")
                 continue
             failed_functions.add(failure.function)
+            if failure[:2] in MOST_CALLS and failure.nth > 1 and any(
+                    step.struck for steps in run.rounds[1:] for step in steps):
+                continue
             complaints += [f"{what}: {complaint}" for complaint in judge.complaints(failure, run)]
 
     if scenarios == SCENARIOS:
