@@ -1,5 +1,6 @@
 #include "Framework/GCL/CHashTable.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -113,14 +114,14 @@ template <typename Block>
         return {nullptr, nullptr}; // none so long is stored whole
     }
 #ifdef __SSE2__
-    if (key.size >= 16) {
+    if (key.size >= sizeof(__m128i)) {
         return findFrom<__m128i>(&bucket.pFirst, key);
     }
 #endif
-    if (key.size >= 8) {
+    if (key.size >= sizeof(uint64_t)) {
         return findFrom<uint64_t>(&bucket.pFirst, key);
     }
-    if (key.size >= 4) {
+    if (key.size >= sizeof(uint32_t)) {
         return findFrom<uint32_t>(&bucket.pFirst, key);
     }
     return findFrom<unsigned char>(&bucket.pFirst, key);
@@ -150,14 +151,14 @@ CHashTablePair* unlinkPair(CHashTableBucket& bucket, const Key& key)
 }
 
 // Bytes that are cleared at once: few enough for the compiler to write them without a call.
-constexpr size_t kZeros = sizeof(uintptr_t) == 8 ? 64 : 16;
+constexpr size_t kZeros = 8 * sizeof(uintptr_t);
 
 CHashTablePair* newPair(const Key& key, unsigned long value, CHashTablePair* next)
 {
     auto* const pair = new CHashTablePair[1];
     // By contract: a longer key is cut, although all of it was hashed; by itself it is not found
     // again. The bytes behind the key are zeros.
-    const size_t length = key.size <= sizeof pair->szKey ? key.size - 1 : sizeof pair->szKey - 1;
+    const size_t length = std::min(key.size, sizeof pair->szKey) - 1;
     for (size_t at = length / kZeros * kZeros; at != sizeof pair->szKey; at += kZeros) {
         std::memset(pair->szKey + at, 0, kZeros);
     }

@@ -34,7 +34,7 @@ constexpr uint32_t powerOf33(size_t exponent)
 template <typename Word>
 Word loadWord(const char* bytes)
 {
-    Word word = 0;
+    Word word{};
     std::memcpy(&word, bytes, sizeof word);
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
     word = sizeof word == 8 ? static_cast<Word>(__builtin_bswap64(word))
@@ -67,7 +67,7 @@ constexpr uint32_t kPowersOf33[] = {powerOf33(0), powerOf33(1), powerOf33(2), po
 inline uint32_t djb2OfShort(const char* key, size_t length)
 {
     uint32_t hash = kDjb2Start;
-    if (length >= 4) {
+    if (length >= sizeof(uint32_t)) {
         const uint64_t word = uint64_t{loadWord<uint32_t>(key)} << (64 - 8 * length) |
                               uint64_t{loadWord<uint32_t>(key + length - 4)} << 32;
         return hash * kPowersOf33[length] + sumOf(word);
@@ -163,7 +163,7 @@ inline uint32_t djb2(const char* key, size_t length)
         return djb2OfShort(key, length);
     }
 #ifdef __SSE2__
-    for (; end - key >= 16; key += 16) {
+    for (; end - key >= static_cast<ptrdiff_t>(sizeof(__m128i)); key += sizeof(__m128i)) {
         Djb2Lanes block;
         block.add(key);
         hash = hash * powerOf33(16) + block.sum();
