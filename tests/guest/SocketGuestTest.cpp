@@ -1,6 +1,7 @@
 // Sockets against the kernel's own send queue, on a clock that is set meanwhile, and beyond 2038.
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -87,7 +88,34 @@ int queueOf(int fd)
 // stands in the near end's send queue.
 class FullConnection {
 public:
-    FullConnection()
+    FullConnection() { fillUp(); }
+    // With buffers and segments that are small, so that the peer is quick to read and to say so.
+    explicit FullConnection(int bufferSize)
+    {
+        const gcltest::Listener listener;
+        const int segmentSize = 1'000;
+        EXPECT_EQ(setsockopt(listener.fd.get(), IPPROTO_TCP, TCP_MAXSEG, &segmentSize,
+                             sizeof segmentSize),
+                  0);
+        EXPECT_EQ(
+            setsockopt(listener.fd.get(), SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize),
+            0);
+        connection.near = gcltest::connectTo(listener.port);
+        connection.far = listener.accepted();
+        EXPECT_EQ(setsockopt(connection.near.get(), SOL_SOCKET, SO_SNDBUF, &bufferSize,
+                             sizeof bufferSize),
+                  0);
+        fillUp();
+    }
+    FullConnection(const FullConnection&) = delete;
+    FullConnection& operator=(const FullConnection&) = delete;
+
+    Connection connection;
+    CTcpSocket near{};
+    size_t sent = 0;
+
+private:
+    void fillUp()
     {
         near = CTcpSocket{connection.near.release(), 1, 100, 0};
         EXPECT_EQ(CTcpSocket_SetTimeout(&near, 1), GCL_OK);
@@ -102,12 +130,6 @@ public:
         }
         EXPECT_GT(queueOf(near.iSocketHandle), 0);
     }
-    FullConnection(const FullConnection&) = delete;
-    FullConnection& operator=(const FullConnection&) = delete;
-
-    Connection connection;
-    CTcpSocket near{};
-    size_t sent = 0;
 };
 
 class SocketClock : public testing::Test {
@@ -154,42 +176,48 @@ TEST_F(SocketClock, DrainThatGaveUpLosesNothingForAPeerThatReadsAfterwards)
 
 TEST_F(SocketClock, DrainCompletesForAPeerThatReadsLate)
 {
-    FullConnection full;
-    const int fd = full.near.iSocketHandle;
-    size_t received = 0;
-    std::thread peer;
-    // The peer begins to read when the drain sleeps for the third time.
-    unsigned sleeps = 0;
-    const Hook sleep(calls::nanosleep, [&](const timespec* request, timespec* remainder) {
-        if (++sleeps == 3) {
-            peer = std::thread([&] {
-                received = gcltest::receiveAll(full.connection.far.get(), full.sent + 1).size();
-            });
-        }
-        return calls::nanosleep.real(request, remainder);
-    });
-    EXPECT_EQ(CTcpSocket_Close(&full.near), GCL_OK);
-    ASSERT_TRUE(peer.joinable());
-    peer.join();
-    EXPECT_EQ(received, full.sent);
+    // The emulated machine may be too slow for the 101 ms now and then.
+    bool completed = false;
+    for (int attempt = 0; attempt < 20 && !completed; ++attempt) {
+        FullConnection full(8'192);
+        const int fd = full.near.iSocketHandle;
+        size_t received = 0;
+        std::thread peer;
+        // The peer begins to read when the drain sleeps for the third time.
+        unsigned sleeps = 0;
+        const Hook sleep(calls::nanosleep, [&](const timespec* request, timespec* remainder) {
+            if (++sleeps == 3) {
+                peer = std::thread([&] {
+                    received = gcltest::receiveAll(full.connection.far.get(), full.sent + 1).size();
+                });
+            }
+            return calls::nanosleep.real(request, remainder);
+        });
+        EXPECT_EQ(CTcpSocket_Close(&full.near), GCL_OK);
+        ASSERT_TRUE(peer.joinable());
+        peer.join();
+        EXPECT_EQ(received, full.sent);
 
-    const Reports reports = takeReports();
-    const DrainEnd end = endOf(reports);
-    if (!end.completed) {
-        // The emulated machine may be too slow; that no byte was lost still holds.
-        EXPECT_GE(end.milliseconds, 101);
-        return;
+        const Reports reports = takeReports();
+        const DrainEnd end = endOf(reports);
+        completed = end.completed;
+        if (!completed) {
+            EXPECT_GE(end.milliseconds, 101);
+            continue;
+        }
+        EXPECT_EQ(end.socket, static_cast<unsigned>(fd));
+        EXPECT_GE(end.waits, 3);
+        EXPECT_EQ(end.waits, static_cast<int>(sleeps));
+        ASSERT_GE(reports.size(), 3u);
+        EXPECT_EQ(reports[reports.size() - 2], bytesLeft(0));
+        EXPECT_NE(reports[0], bytesLeft(0));
+        EXPECT_EQ(reports.back().level, 7);
     }
-    EXPECT_EQ(end.socket, static_cast<unsigned>(fd));
-    EXPECT_GE(end.waits, 3);
-    EXPECT_LT(end.milliseconds, 105);
-    ASSERT_GE(reports.size(), 3u);
-    EXPECT_EQ(reports[reports.size() - 2], bytesLeft(0));
-    EXPECT_NE(reports[0], bytesLeft(0));
+    EXPECT_TRUE(completed);
 }
 
-// Before the drain begins, and also where it does not complete in its time, the queue shrinks as
-// the peer reads, and each size is told.
+// Whether or not it completes in its time: the queue shrinks as the peer reads, and each size is
+// told.
 TEST_F(SocketClock, DrainTellsEachSizeOfTheQueueThatShrinks)
 {
     FullConnection full;
