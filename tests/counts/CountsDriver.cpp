@@ -12,7 +12,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <new>
+#include <string>
 
 #include "Framework/GCL/CFifoBuffer.h"
 #include "Framework/GCL/CHashTable.h"
@@ -326,9 +329,27 @@ void countFrames()
     close(ends[1]);
 }
 
+bool otherThreadsSleep()
+{
+    const pid_t self = gettid();
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "stat");
+        std::string stat;
+        std::getline(file, stat);
+        const size_t state = stat.rfind(')') + 2;
+        if (std::stol(stat) != self && state < stat.size() && stat[state] != 'S') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Until the worker waits: only then does a call find it as every call does in the long run.
 void letTheWorkerSettle()
 {
-    usleep(3000);
+    do {
+        usleep(1000);
+    } while (!otherThreadsSleep());
 }
 
 void countTimer()
@@ -351,8 +372,11 @@ void countTimer()
             stopped();
         });
     count(
-        "CTimer::stop", started, [&] { return timer.stop(), !timer.isRunning(); },
-        letTheWorkerSettle);
+        "CTimer::stop", started, [&] { return timer.stop(), true; },
+        [&] {
+            mustBe(!timer.isRunning(), "CTimer::stop");
+            letTheWorkerSettle();
+        });
     count("CTimer::isRunning", [&] { return !timer.isRunning(); });
     count("CTimer::stop, idle", [&] { return timer.stop(), true; });
 }
