@@ -151,7 +151,8 @@ CHashTablePair* unlinkPair(CHashTableBucket& bucket, const Key& key)
 }
 
 // Bytes that are cleared at once: few enough for the compiler to write them without a call.
-constexpr size_t kZeros = sizeof(uintptr_t) * sizeof(uintptr_t);
+constexpr size_t kWord = sizeof(uintptr_t);
+constexpr size_t kZeros = kWord * kWord;
 
 CHashTablePair* newPair(const Key& key, unsigned long value, CHashTablePair* next)
 {
