@@ -12,8 +12,10 @@
 #include <boost/circular_buffer.hpp>
 #include <boost/lockfree/queue.hpp>
 #include <boost/thread/sync_bounded_queue.hpp>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,9 +24,33 @@
 #include "bench/floor/CFifoBufferFloor.h"
 #include "bench/support/Bench.h"
 
+constexpr std::size_t kCacheLine = 64;
+
+// A copy's time depends on where in a cache line its ends lie; so the rings of all sides that ask
+// for their memory here begin with one.
+void* operator new[](std::size_t size)
+{
+    void* const memory = std::aligned_alloc(kCacheLine, (size + kCacheLine) & ~(kCacheLine - 1));
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void operator delete[](void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete[](void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
 namespace {
 
 constexpr uint32_t kCapacity = 64;
+constexpr uint32_t kLargest = 1024;
 constexpr int kElementsOfThreads = 20000;
 constexpr char kInlined[] = "inlined into its caller";
 constexpr char kCxxLayer[] = "the C++ layer, which calls the same functions";
@@ -246,17 +272,18 @@ private:
 template <typename Queue>
 void alone(benchmark::State& state, Queue& queue, uint32_t bytes)
 {
-    std::vector<unsigned char> in(bytes, 1);
-    std::vector<unsigned char> out(bytes);
+    alignas(kCacheLine) unsigned char in[kLargest] = {};
+    alignas(kCacheLine) unsigned char out[kLargest] = {};
+    bench::require(state, bytes <= kLargest, "no such large element is measured");
     uintptr_t word = 0;
     bool lost = false;
     for (auto _ : state) {
         ++word;
-        giveWord(in.data(), word);
-        queue.put(word, in.data());
-        queue.get(out.data());
+        giveWord(in, word);
+        queue.put(word, in);
+        queue.get(out);
         uintptr_t got = 0;
-        std::memcpy(&got, out.data(), sizeof got);
+        std::memcpy(&got, out, sizeof got);
         lost = lost || got != word;
     }
     bench::require(state, !lost, "an element was lost");

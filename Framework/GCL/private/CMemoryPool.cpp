@@ -6,6 +6,7 @@
 #include "Framework/GCL/ResultCodes.h"
 #include "Framework/GCL/private/Report.h"
 #include "Framework/GCL/private/StackSteps.h"
+#include "Framework/GCL/private/Unlikely.h"
 
 namespace {
 
@@ -70,11 +71,12 @@ void CMemoryPool_Destruct(CMemoryPool* pThis)
 
 uint32_t CMemoryPool_Malloc(CMemoryPool* pThis, uint32_t uiRequestedSize, void** ppBlock)
 {
-    if (pThis == nullptr) {
+    if (gcl::unlikely(pThis == nullptr)) {
         return GCL_REPORT(GCL_INVALID_ARGUMENT, "pThis is NULL!");
     }
-    // By contract: the limit is the size as given, although a block may have some bytes more.
-    if (uiRequestedSize == 0 || uiRequestedSize > pThis->uiBlockSize) {
+    // By contract: the limit is the size as given, although a block may have some bytes more. A
+    // size of 0 is refused as well: less 1 it is the largest.
+    if (gcl::unlikely(uiRequestedSize - 1 >= pThis->uiBlockSize)) {
         return GCL_REPORT(GCL_INVALID_ARGUMENT,
                           "Not possible to allocate a memory block of size %u!", uiRequestedSize);
     }
@@ -87,7 +89,7 @@ uint32_t CMemoryPool_Malloc(CMemoryPool* pThis, uint32_t uiRequestedSize, void**
 
 uint32_t CMemoryPool_Free(CMemoryPool* pThis, void* pBlock)
 {
-    if (pThis == nullptr) {
+    if (gcl::unlikely(pThis == nullptr)) {
         return GCL_REPORT(GCL_INVALID_ARGUMENT, "pThis is NULL!");
     }
     // By contract: whatever the pointer is, it becomes a free block if there is room.
