@@ -327,7 +327,7 @@ TEST(VorTraceSinkLine, HasAnyLengthAroundTheThreadsOwnBuffer)
     for (size_t length = 880; length < 1030; ++length) {
         expected.push_back(onChannel(std::string(length, 'f')));
         expected.push_back(onClass(std::string(length, 'd')));
-        expected.push_back(onChannel(std::string(length, 'n')));
+        expected.push_back(onChannel(std::string(length, 'n') + "!"));
     }
     EXPECT_EQ(restsOf("lengthSweep"), expected);
 }

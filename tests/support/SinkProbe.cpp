@@ -250,7 +250,8 @@ void lengths()
     }
 }
 
-// Every length around the end of the thread's own buffer, formatted and as data.
+// Every length around the end of the thread's own buffer, formatted and as data, and a single
+// character behind it.
 void lengthSweep()
 {
     VorTrace trace("KIV.CLASS", VorTraceLevel7);
@@ -259,6 +260,7 @@ void lengthSweep()
         sayThrough(trace, VorTraceLevel1, std::string(length, 'd'));
         VT_beginImpl(&channel, 1, &kHeader);
         VT_rawprintf(&channel, "%s", std::string(length, 'n').c_str());
+        VT_rawprintf(&channel, "!");
         VT_rawprintf(&channel, "\n");
         VT_endImpl(&channel);
     }
