@@ -642,7 +642,8 @@ TEST(VorTraceSinkLevels, NameALongBadEntryInPart)
 
 TEST(VorTraceSinkSetLevel, HoldsAtOnce)
 {
-    EXPECT_EQ(restsOf("setLevel"), (Lines{onChannel("passes", 3), onChannel("passes now", 4)}));
+    EXPECT_EQ(restsOf("setLevel"), (Lines{onChannel("passes", 3), onChannel("is completed", 3),
+                                          onChannel("passes now", 4)}));
 }
 
 TEST(VorTraceSinkSetLevel, TakesPrecedenceOverTheVariable)

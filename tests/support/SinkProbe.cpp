@@ -495,6 +495,8 @@ void setLevel()
     sayThrough(before, VorTraceLevel1, "never");
     VT_setLevel("KIV.TEST", 3);
     say("passes", 3);
+    VT_beginImpl(&channel, 3, &kHeader);
+    VT_rawprintf(&channel, "is completed");
     say("is dropped", 4);
     VT_setLevel("KIV.TEST", 4);
     say("passes now", 4);

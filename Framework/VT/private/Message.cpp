@@ -179,11 +179,6 @@ void openMessage(const char* channelName, int32_t level, const VorTraceHeader* h
     message.textStart = message.line.length();
 }
 
-void dropMessage()
-{
-    completeMessage();
-}
-
 void appendText(const char* text, size_t length)
 {
     if (message.open) {

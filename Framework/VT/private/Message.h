@@ -11,15 +11,15 @@
 
 namespace vt {
 
-// Opens a message; a dropped one only completes the message before. NULL names become "?".
+// Opens a message; NULL names become "?".
 void openMessage(const char* channelName, int32_t level, const VorTraceHeader* header);
-void dropMessage();
 
 // Both do nothing while no message is open. Text for which no memory can be had is cut off.
 void appendText(const char* text, size_t length);
 void appendFormatted(const char* format, va_list arguments);
 
-// Closes the open message, if there is one, and emits it.
+// Closes the open message, if there is one, and emits it. One that is begun but that no level
+// admits does nothing else.
 void completeMessage();
 
 } // namespace vt

@@ -20,7 +20,7 @@ int32_t VT_beginImpl(TraceChannel* channel, int32_t level, const VorTraceHeader*
     if (level <= vt::levelFor(name, INT32_MAX)) {
         vt::openMessage(name, level, header);
     } else {
-        vt::dropMessage();
+        vt::completeMessage();
     }
     return kNoResult;
 }

@@ -59,7 +59,7 @@ void VorTrace::beginLogMsg(VorTraceLevel level, const VorTraceHeader& header)
         vt::openMessage(impl->name, level, &header);
         vt::mendMessageStream();
     } else {
-        vt::dropMessage();
+        vt::completeMessage();
     }
 }
 
