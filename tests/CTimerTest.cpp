@@ -1217,7 +1217,7 @@ TEST(CTimerForcedUnwinding, MayHitTheWaits)
     }
 }
 
-// The trace framework ends the constructing thread while the worker exists already.
+// The trace framework ends the constructing thread while the worker waits already.
 TEST(CTimerForcedUnwinding, OfTheConstructorEndsTheWorker)
 {
     setTraceLevel("KIV.CTimer", 5);
@@ -1228,10 +1228,15 @@ TEST(CTimerForcedUnwinding, OfTheConstructorEndsTheWorker)
                 std::atomic<int> messages{0};
                 std::atomic<bool> constructed{false};
                 std::atomic<bool> ended{false};
+                SleepWatch worker;
                 const gcltest::BeginHook hook([&](const Report& report) {
+                    if (report.function == "timer_thread_function") {
+                        worker.announce();
+                    }
                     if (report.function != "Impl" || ++messages != nth) {
                         return;
                     }
+                    EXPECT_TRUE(worker.eventuallyAsleep()); // it has to be woken to end
                     if (cancelled) {
                         pthread_cancel(pthread_self());
                         pthread_testcancel();
