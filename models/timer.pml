@@ -6,7 +6,7 @@
  *   - nobody waits for ever (no invalid end state): every accepted stop is acknowledged, a start
  *     that waits for it goes on, and destruction joins the worker;
  *   - no callback of a stopped run begins after its stop, and none once destruction has begun;
- *   - the worker has ended when destruction is over.
+ *   - when destruction is over, the worker has ended and no start waits in the timer.
  *
  * A wait for an expiry ends by itself only EXPIRIES times; after that only a notification ends it,
  * so that a missing one shows. Waits also wake for no reason, SPURIOUS times.
@@ -39,6 +39,7 @@ bool hasWorker = false;
 bool hasWorker = true;
 #endif
 bool workerEnded = false;
+byte waitingStarts = 0; /* starts that wait for an acknowledgement */
 byte expiries = EXPIRIES;
 byte spurious = SPURIOUS;
 
@@ -90,7 +91,16 @@ inline start(me)
     :: me == CALLBACK || terminating || (started && !stopRequested)
     :: else ->
         do
-        :: stopRequested && !terminating -> cond_wait(me, false)
+        :: stopRequested && !terminating ->
+            waitingStarts++;
+            cond_wait(me, false);
+            waitingStarts--;
+            if
+#ifndef PLANT_NO_NOTIFY_ON_LEAVING
+            :: terminating -> notify_all()
+#endif
+            :: else
+            fi
         :: else -> break
         od;
         if
@@ -138,8 +148,15 @@ inline wait_for_thread(me)
 #ifndef PLANT_NO_NOTIFY_ON_TERMINATE
     notify_all();
 #endif
+#ifndef PLANT_NO_WAIT_FOR_STARTS
+    do
+    :: waitingStarts != 0 -> cond_wait(me, false)
+    :: else -> break
+    od;
+#endif
     unlock(me);
-    workerEnded /* the join */
+    workerEnded; /* the join */
+    assert(waitingStarts == 0)
 }
 
 #define interrupted (stopRequested || terminating)
