@@ -510,8 +510,8 @@ void CTimer::Impl::timer_thread_function()
     try {
         TIMER_TRACE(VorTraceLevel5, quotedName, " entered thread function [", this, "].");
         // Neither can fail with these arguments, and the timer works without them.
-        static_cast<void>(prctl(PR_SET_NAME, name.c_str(), 0UL, 0UL, 0UL));
-        static_cast<void>(prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL));
+        static_cast<void>(prctl(PR_SET_NAME, name.c_str()));
+        static_cast<void>(prctl(PR_SET_TIMERSLACK, 1UL));
         std::unique_lock<std::mutex> lock(mutex);
         run_until_terminated(lock);
     } catch (abi::__forced_unwind&) {
