@@ -1,6 +1,7 @@
 // The end of the process: what becomes of the timers' trace object, seen through the trace sink,
 // and of timers that are built behind it.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 
 #include "Framework/GCL/CTimer.h"
 #include "Framework/GCL/testing/FaultInjection.h"
+#include "tests/support/Sanitizers.h"
 
 using gcltest::Count;
 using gcltest::Hook;
@@ -103,7 +105,15 @@ Watch* Watch::active = nullptr;
     Watch* const watch = Watch::active = new Watch;
     watch->waitsToRelease = waitsToRelease;
     watch->held = true;
-    std::thread(writeMessage).detach();
+    // A std::thread has memory of its own, which an exit meanwhile leaves behind.
+    pthread_t writer;
+    const auto write = [](void*) -> void* {
+        writeMessage();
+        return nullptr;
+    };
+    if (pthread_create(&writer, nullptr, write, nullptr) != 0 || pthread_detach(writer) != 0) {
+        std::abort();
+    }
     while (watch->message.calls() == 0) {
         std::this_thread::yield();
     }
@@ -111,7 +121,7 @@ Watch* Watch::active = nullptr;
 }
 
 // ThreadSanitizer and AddressSanitizer are not ready at that time themselves.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(GCLTEST_ADDRESS_SANITIZER) && !defined(GCLTEST_THREAD_SANITIZER)
 
 // Before the library's own objects are built: what is not written then is not waited for later.
 void useTimersBeforeTheTraceObject(int, char**, char**)
