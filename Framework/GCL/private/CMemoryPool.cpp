@@ -24,17 +24,17 @@ uint32_t strideOf(uint32_t blockSize)
     return (blockSize + 3) & ~uint32_t{3};
 }
 
-// Fills an empty stack with as many blocks as its capacity says, the first one first. They all fit,
-// but for a stack that is full from the start.
-bool pushBlocks(CStack& stack, unsigned char* area, uint32_t stride)
+// Fills an empty stack with as many blocks as its capacity says, from the one at the address given.
+// They all fit, but for a stack that is full from the start. Addresses are counted as numbers:
+// where the size of the area has wrapped, they may wrap as well.
+bool pushBlocks(CStack& stack, uintptr_t block, uint32_t stride)
 {
     const int32_t last = gcl::stackLastIndex(stack);
     if (last < 0) {
         return stack.uiCapacity == 0;
     }
-    unsigned char* block = area;
     for (uint32_t i = 0; i < stack.uiCapacity; ++i, block += stride) {
-        stack.pEntries[i] = block;
+        stack.pEntries[i] = reinterpret_cast<void*>(block);
     }
     stack.iTop = last;
     return true;
@@ -56,7 +56,7 @@ void CMemoryPool_Construct(CMemoryPool* pThis, uint32_t uiBlockSize, uint32_t ui
     pThis->pBlockArea = new unsigned char[areaSize];
     pThis->freeBlocks = {entries.release(), -1, uiNrOfBlocks, GCL_OK};
 
-    if (!pushBlocks(pThis->freeBlocks, pThis->pBlockArea, stride)) {
+    if (!pushBlocks(pThis->freeBlocks, reinterpret_cast<uintptr_t>(pThis->pBlockArea), stride)) {
         static_cast<void>(
             GCL_REPORT(GCL_FAILURE, "Not possible to push memory block of size %u!", stride));
     }
