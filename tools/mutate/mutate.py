@@ -381,12 +381,17 @@ class Verdicts:
         with (self.folder / f"{change.module}.jsonl").open("a") as file:
             file.write(json.dumps(entry) + "\n")
 
-    def drop_new(self) -> None:
-        """Forgets the verdicts of this run."""
+    def drop_new(self, killers: set[tuple[str, str]]) -> int:
+        """Forgets those verdicts of this run that rest on one of the test cases; says how many."""
+        dropped = 0
         for module in {change.module for change in self.keys}:
-            kept = [entry for entry in self.read(module) if entry["key"] not in self.new]
+            entries = self.read(module)
+            kept = [entry for entry in entries if entry["key"] not in self.new or
+                    (entry["program"], entry["case"]) not in killers]
+            dropped += len(entries) - len(kept)
             text = "".join(json.dumps(entry) + "\n" for entry in kept)
             (self.folder / f"{module}.jsonl").write_text(text)
+        return dropped
 
 
 @dataclasses.dataclass(frozen=True)
@@ -434,8 +439,7 @@ class Worker:
             sys.exit(f"the unchanged tree cannot be built:\n{done.stdout}")
         return done.returncode == 0
 
-    def run(self, program: str, usual: dict[str, float] | None = None, only: str = "*",
-            times: int = 1) -> Run:
+    def run(self, program: str, usual: dict[str, float] | None = None, only: str = "*") -> Run:
         """Runs a test program, or one of its cases; `usual` is the time that each case needs.
 
         A case that needs much longer is late, and so is a program that takes longer than all its
@@ -446,8 +450,7 @@ class Worker:
 
         usually = usual or {}
         command = [self.build / "tests" / program, f"--gtest_filter={only}",
-                   f"--gtest_repeat={times}", "--gtest_fail_fast", "--gtest_color=no",
-                   "--gtest_catch_exceptions=0"]
+                   "--gtest_fail_fast", "--gtest_color=no", "--gtest_catch_exceptions=0"]
         with tempfile.TemporaryFile("w+", errors="replace") as output:
             process = subprocess.Popen(
                 command, cwd=self.build / "tests", env=dict(os.environ, ASAN_OPTIONS=ASAN_OPTIONS),
@@ -563,32 +566,32 @@ class Workers:
             for done in concurrent.futures.as_completed([pool.submit(one, i) for i in items]):
                 done.result()
 
-    def pass_unchanged(self, cases: dict[str, str],
-                       times: int = 1) -> dict[str, dict[str, float]] | None:
-        """The time that each case of these programs needs unchanged; none where one fails."""
+    def run_unchanged(self, cases: dict[str, str],
+                      times: int = 1) -> tuple[dict[str, dict[str, float]], set[tuple[str, str]]]:
+        """The time that each case of these programs needs unchanged, and the cases that fail."""
         seconds: dict[str, dict[str, float]] = {}
-        failed: list[str] = []
+        failed: set[tuple[str, str]] = set()
 
         def one(worker: Worker, program: str) -> None:
-            run = worker.run(program, only=cases[program], times=times)
+            run = worker.run(program, only=cases[program])
             seconds[program] = run.seconds
             if run.outcome != "passed":
-                failed.append(f"{program}: {run.case}")
+                failed.add((program, run.case))
 
         for worker in self.all:
             worker.ninja(self.targets, check=True)
-        self.each(list(cases), one)
-        for case in failed:
-            print(f"\non the unchanged tree a test fails: {case}", flush=True)
-        return seconds if not failed else None
+        self.each(list(cases) * times, one)
+        for program, case in sorted(failed):
+            print(f"\non the unchanged tree a test fails: {program}: {case}", flush=True)
+        return seconds, failed
 
 
 def judge_all(changes: list[Change], jobs: int, verdicts: Verdicts) -> None:
     """Adds the verdict on each change."""
     programs = sorted({p for change in changes for p in MODULES[change.module][1]})
     workers = Workers(min(jobs, len(changes)), programs)
-    usual = workers.pass_unchanged(dict.fromkeys(programs, "*"))
-    if usual is None:
+    usual, failed = workers.run_unchanged(dict.fromkeys(programs, "*"))
+    if failed:
         sys.exit(1)
     lock = threading.Lock()
     begun = time.monotonic()
@@ -613,9 +616,9 @@ def judge_all(changes: list[Change], jobs: int, verdicts: Verdicts) -> None:
         verdict = verdicts.known[verdicts.keys[change]]
         if verdict.killed:
             killers.setdefault(verdict.program, set()).add(verdict.case or "*")
-    if workers.pass_unchanged({p: ":".join(c) for p, c in killers.items()}, RUNS) is None:
-        verdicts.drop_new()
-        sys.exit("the verdicts of this run are void")
+    _, failed = workers.run_unchanged({p: ":".join(c) for p, c in killers.items()}, RUNS)
+    if failed:
+        sys.exit(f"{verdicts.drop_new(failed)} verdicts of this run are void")
 
 
 def report(verdicts: dict[Change, Verdict], complete: bool) -> bool:
