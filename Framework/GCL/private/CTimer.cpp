@@ -141,7 +141,7 @@ void append(std::string& text, int number)
 // As a stream prints it: hexadecimal with a prefix.
 void append(std::string& text, const void* pointer)
 {
-    char digits[2 + 2 * sizeof pointer + 1];
+    char digits[sizeof "0x" + 2 * sizeof pointer];
     static_cast<void>(std::snprintf(digits, sizeof digits, "%p", pointer));
     text += digits;
 }
@@ -224,27 +224,27 @@ std::string quoted(const std::string& name)
 
 constexpr int64_t kNsPerMs = 1'000'000;
 
-constexpr int64_t limitOf(bool positive)
+constexpr int64_t limitOnTheSideOf(int64_t value)
 {
-    return positive ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+    return value >= 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
 int64_t nsOfMs(int64_t ms)
 {
-    int64_t ns = 0;
-    return __builtin_mul_overflow(ms, kNsPerMs, &ns) ? limitOf(ms > 0) : ns;
+    int64_t ns{};
+    return __builtin_mul_overflow(ms, kNsPerMs, &ns) ? limitOnTheSideOf(ms) : ns;
 }
 
 int64_t sum(int64_t a, int64_t b)
 {
-    int64_t result = 0;
-    return __builtin_add_overflow(a, b, &result) ? limitOf(b > 0) : result;
+    int64_t result{};
+    return __builtin_add_overflow(a, b, &result) ? limitOnTheSideOf(a) : result;
 }
 
 int64_t difference(int64_t a, int64_t b)
 {
-    int64_t result = 0;
-    return __builtin_sub_overflow(a, b, &result) ? limitOf(b < 0) : result;
+    int64_t result{};
+    return __builtin_sub_overflow(a, b, &result) ? limitOnTheSideOf(a) : result;
 }
 
 int64_t steadyClockNs()
@@ -703,7 +703,7 @@ public:
             return;
         }
         // GCOVR_EXCL_STOP
-        int64_t dueNs = 0;
+        int64_t dueNs{};
         do {
             const int64_t leftNs = difference(deadline, steadyClockNs());
             dueNs = sum(leftNs, gcl::wallClockNs());
@@ -714,7 +714,7 @@ public:
     bool is_cyclic() const override { return false; }
 
 private:
-    int64_t deadline = 0; // ns on the monotonic clock
+    int64_t deadline{}; // ns on the monotonic clock
 };
 
 // A new implementation, or NULL when the input is refused.

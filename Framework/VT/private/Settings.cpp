@@ -100,7 +100,7 @@ bool takeEntry(std::string_view entry)
     }
     const std::string_view name = trimmed(entry.substr(0, equals));
     const std::string_view number = trimmed(entry.substr(equals + 1));
-    int32_t level = 0;
+    int32_t level{};
     const char* const end = number.data() + number.size();
     const auto [rest, error] = std::from_chars(number.data(), end, level);
     if (name.empty() || error != std::errc{} || rest != end) {

@@ -18,7 +18,7 @@ public:
     // left, it does not come.
     void arm()
     {
-        pthread_key_t key = 0;
+        pthread_key_t key{};
         if (findKey(key) && pthread_getspecific(key) == nullptr) {
             static_cast<void>(pthread_setspecific(key, this));
         }
@@ -29,7 +29,7 @@ private:
     {
         unsigned known = keyPlusOne.load(std::memory_order_acquire);
         if (known == 0) {
-            pthread_key_t created = 0;
+            pthread_key_t created{};
             if (pthread_key_create(&created, cleanUp) != 0) {
                 return false;
             }
