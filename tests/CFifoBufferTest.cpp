@@ -713,6 +713,16 @@ TEST(CFifoBufferNone, TakesNoLock)
     EXPECT_EQ(locks.calls() + waits.calls(), 0u);
 }
 
+// The count is a caller's to see: one beyond the capacity counts as full as well.
+TEST(CFifoBufferNone, IsFullFromItsCapacityOn)
+{
+    WordFifo fifo(2, eTaskingModeNone);
+    fifo->uiCurrentSize = 3;
+    EXPECT_EQ(fifo.put(1), GCL_FIFO_FULL);
+    EXPECT_EQ(fifo->uiCurrentSize, 3u);
+    expectSilence();
+}
+
 TEST(CFifoBufferMutex, DropsTheOldestWhenFull)
 {
     WordFifo fifo(3, eTaskingModeMutex);

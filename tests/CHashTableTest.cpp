@@ -445,6 +445,33 @@ TEST(CHashTableKeys, ThatWereCutAreFoundByTheirFirst255CharactersInTheSameBucket
     expectSilence();
 }
 
+// Of several pairs with the same key the newest, which comes first, is found.
+TEST(CHashTableKeys, ThatWereCutStandForTheNewestPair)
+{
+    OwnedTable table(1);
+    const std::string key(256, 'k');
+    const std::string cut = key.substr(0, 255);
+    ASSERT_EQ(CHashTable_Set(&table, key.c_str(), 1), GCL_OK);
+    ASSERT_EQ(CHashTable_Set(&table, key.c_str(), 2), GCL_OK);
+    ASSERT_EQ(CHashTable_Count(&table), 2u);
+    unsigned long value = 0;
+    EXPECT_EQ(CHashTable_Get(&table, cut.c_str(), &value), GCL_OK);
+    EXPECT_EQ(value, 2u);
+    EXPECT_EQ(CHashTable_Set(&table, cut.c_str(), 3), GCL_OK);
+    EXPECT_EQ(table->pBuckets[0].pFirst->ulValue, 3u);
+    EXPECT_EQ(CHashTable_Unset(&table, cut.c_str(), &value), GCL_OK);
+    EXPECT_EQ(value, 3u);
+    EXPECT_EQ(CHashTable_Get(&table, cut.c_str(), &value), GCL_OK);
+    EXPECT_EQ(value, 1u);
+}
+
+TEST(CHashTableGet, NeedsNoPlaceForTheValueOfAnAbsentKey)
+{
+    OwnedTable table(1);
+    EXPECT_EQ(CHashTable_Get(&table, "a", nullptr), 0x8013u);
+    expectSilence();
+}
+
 TEST(CHashTableGet, IsSilentAboutAnAbsentKey)
 {
     OwnedTable table(1);

@@ -270,6 +270,8 @@ TEST_P(CMemoryPoolMalloc, HandsOutFromTheEndOfTheAreaAndIsExhaustedThen)
         std::memset(block, offset, 10);
     }
     expectSilence();
+    const gcltest::BeginHook hook(
+        [&block](const Report&) { EXPECT_EQ(block, nullptr) << "it is cleared, then told"; });
     EXPECT_EQ(CMemoryPool_Malloc(&pool, 10, &block), 0x8007u);
     EXPECT_EQ(block, nullptr);
     expectReports(Reports{kExhausted});

@@ -76,6 +76,7 @@ public:
                         EXPECT_EQ(request, 0x5411u);
                         auto& bytes = *static_cast<int*>(argument);
                         EXPECT_EQ(bytes, 0) << "set to 0 before each query";
+                        nowNs += queryNs;
                         return query(bytes);
                     }),
           sleepHook(calls::nanosleep,
@@ -108,6 +109,8 @@ public:
           closeHook(calls::close, [this](int fd) {
               steps += 'c';
               EXPECT_EQ(fd, descriptor);
+              EXPECT_EQ(socket.iSocketHandle, descriptor) << "the object closes behind it";
+              EXPECT_EQ(socket.iPort, 2);
               errno = std::exchange(closeError, 0);
               return errno == 0 ? 0 : -1;
           })
@@ -117,7 +120,7 @@ public:
     // Closes an object with the descriptor; returns what was reported.
     Reports close()
     {
-        CTcpSocket socket{descriptor, 2, 3, 4};
+        socket = {descriptor, 2, 3, 4};
         EXPECT_EQ(CTcpSocket_Close(&socket), GCL_OK);
         EXPECT_EQ(socket.iSocketHandle, -1);
         EXPECT_EQ(socket.iPort, 0);
@@ -127,8 +130,10 @@ public:
     }
 
     int descriptor = 77;
+    CTcpSocket socket{77, 2, 3, 4};
     int64_t nowNs = 4102444800123456789; // in the year 2100
     int64_t sleepNs = 0;
+    int64_t queryNs = 0; // that each query takes
     bool sleepFails = false;
     int closeError = 0; // of the first close
     std::function<int(int&)> query = [](int&) { return 0; };
@@ -297,6 +302,16 @@ TEST_P(CTcpSocketClose, GivesUpAfter101Milliseconds)
     }
 }
 
+TEST_P(CTcpSocketClose, CountsTheTimeOfItsQueriesToo)
+{
+    ScriptedDrain drain;
+    drain.queryNs = 7000000;
+    EXPECT_EQ(drain.close(), whereAdmitted({bytesLeft(0), completed(0, 7, 77)}));
+    drain.query = queue(std::vector<int>(1000, 12));
+    drain.queryNs = 101000000;
+    EXPECT_EQ(drain.close(), whereAdmitted({bytesLeft(12), exhausted("77", 101, 1)}));
+}
+
 TEST_P(CTcpSocketClose, GivesUpAfter501Sleeps)
 {
     for (const int64_t sleepNs : {int64_t{0}, int64_t{-1000000}, int64_t{-1999999}}) {
@@ -338,7 +353,7 @@ TEST_P(CTcpSocketClose, CountsANegativeQueueAsNotEmpty)
 TEST_P(CTcpSocketClose, IsQuietSecondTimeInDestructOnly)
 {
     ScriptedDrain drain;
-    CTcpSocket socket{77, 2, 3, 4};
+    CTcpSocket& socket = drain.socket;
     EXPECT_EQ(CTcpSocket_Close(&socket), GCL_OK);
     static_cast<void>(takeReports());
     EXPECT_EQ(CTcpSocket_Close(&socket), 0x800Au);
@@ -356,7 +371,7 @@ TEST_P(CTcpSocketClose, IsQuietSecondTimeInDestructOnly)
 TEST(CTcpSocketDestruct, ClosesAnOpenObject)
 {
     ScriptedDrain drain;
-    CTcpSocket socket{77, 2, 3, 4};
+    CTcpSocket& socket = drain.socket;
     CTcpSocket_Destruct(&socket);
     EXPECT_EQ(takeReports(), (Reports{bytesLeft(0), completed(0, 0, 77)}));
     EXPECT_EQ(socket.iSocketHandle, -1);

@@ -665,6 +665,29 @@ TEST_P(CTcpSocketWaitForConnection, HandsOverBeforeItEndsTheListeningSocket)
                          "accept s1 32", "new 16", "shutdown s1 2", "close s1"}));
 }
 
+TEST_P(CTcpSocketWaitForConnection, HandsAFilledObjectOver)
+{
+    const int port = freePort();
+    OwnedFd client;
+    const Hook listens(calls::listen, [&](int fd, int backlog) {
+        const int result = calls::listen.real(fd, backlog);
+        client = connectTo(port);
+        return result;
+    });
+    Handed handed;
+    const Hook shutdowns(calls::shutdown, [&](int fd, int how) {
+        EXPECT_FALSE(handed.isUntouched());
+        if (!handed.isUntouched()) {
+            EXPECT_GE(handed->iSocketHandle, 0);
+            EXPECT_EQ(handed->iPort, port);
+            EXPECT_EQ(handed->uiMaxMsgSize, 55u);
+        }
+        return calls::shutdown.real(fd, how);
+    });
+    ASSERT_EQ(CTcpSocket_WaitForConnection(&handed, port, 55), GCL_OK);
+    EXPECT_EQ(shutdowns.calls(), 1u);
+}
+
 TEST_P(CTcpSocketWaitForConnection, LeaksNothingWhenTheAllocationThrows)
 {
     const int port = freePort();
@@ -866,7 +889,10 @@ TEST_P(CTcpSocketSetTimeout, SwitchesTheNonBlockingFlagAndKeepsTheOthers)
 TEST_P(CTcpSocketSetTimeout, TakesUnreadableFlagsForNone)
 {
     long written = -1;
-    const Hook hook(calls::fcntl, [&written](int, int command, long argument) {
+    CTcpSocket socket{3, 0, 0, 0};
+    uint32_t stored = 5;
+    const Hook hook(calls::fcntl, [&](int, int command, long argument) {
+        EXPECT_EQ(socket.uiTimeout, stored) << "the time-out comes first";
         if (command == F_GETFL) {
             return -1;
         }
@@ -874,9 +900,9 @@ TEST_P(CTcpSocketSetTimeout, TakesUnreadableFlagsForNone)
         written = static_cast<int>(argument);
         return 0;
     });
-    CTcpSocket socket{3, 0, 0, 0};
     EXPECT_EQ(CTcpSocket_SetTimeout(&socket, 5), GCL_OK);
     EXPECT_EQ(written, O_NONBLOCK);
+    stored = 0;
     EXPECT_EQ(CTcpSocket_SetTimeout(&socket, 0), GCL_OK);
     EXPECT_EQ(written, 0);
     expectReports({});

@@ -252,8 +252,11 @@ TEST_P(CTcpSocketWrite, TellsWhatWasSentBeforeAFailure)
                 return ++number == nth ? -1 : 2;
             });
             int32_t length = 10;
+            const auto sent = static_cast<int32_t>(2 * (nth - 1));
+            const gcltest::BeginHook begin(
+                [&](const Report&) { EXPECT_EQ(length, sent) << "it is stored, then told"; });
             EXPECT_EQ(CTcpSocket_Write(&socket, "0123456789", &length), 0x800Au);
-            EXPECT_EQ(length, static_cast<int32_t>(2 * (nth - 1)));
+            EXPECT_EQ(length, sent);
             EXPECT_EQ(number, nth);
             EXPECT_EQ(socket.iSocketHandle, 7);
             expectReports({report("CTcpSocket_Write", "send() failed", 0x800A)});
@@ -887,6 +890,18 @@ TEST_P(CTcpSocketReadZT, WritesZerosWhereNothingWasReceived)
     std::strcpy(text, "-----");
     length = 4;
     EXPECT_EQ(CTcpSocket_ReadZT(&silent, text, &length), 0x8015u);
+    EXPECT_EQ(length, 4);
+    EXPECT_EQ(std::string(text, 6), std::string("\0\0\0\0-\0", 6));
+    expectReports({});
+}
+
+TEST_P(CTcpSocketReadZT, WritesZerosWhereTheWaitFailed)
+{
+    CTcpSocket socket{7, 1, 5, 1};
+    const ScriptedSelect waits(socket, false, {Answer::error});
+    char text[6] = "-----";
+    int32_t length = 4;
+    EXPECT_EQ(CTcpSocket_ReadZT(&socket, text, &length), 0x800Au);
     EXPECT_EQ(length, 4);
     EXPECT_EQ(std::string(text, 6), std::string("\0\0\0\0-\0", 6));
     expectReports({});

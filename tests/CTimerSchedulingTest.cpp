@@ -93,6 +93,30 @@ Reports schedulingReports(int32_t policy, int priority)
     return found;
 }
 
+TEST(CTimerScheduling, IsThatOfTheWorker)
+{
+    std::vector<pthread_t> asked;
+    const Hook get(calls::pthread_getschedparam,
+                   [&asked](pthread_t thread, int* policy, sched_param* parameters) {
+                       asked.push_back(thread);
+                       return calls::pthread_getschedparam.real(thread, policy, parameters);
+                   });
+    const Hook set(calls::pthread_setschedparam,
+                   [&asked](pthread_t thread, int, const sched_param*) {
+                       asked.push_back(thread);
+                       return 0;
+                   });
+    std::atomic<pthread_t> worker{};
+    CTimer timer([&](void*) { worker = pthread_self(); }, nullptr, "sched", CTimer::Fifo, 1,
+                 CTimer::NonCyclic);
+    EXPECT_TRUE(timer.start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return worker != pthread_t{}; }));
+    ASSERT_EQ(asked.size(), 3u);
+    for (const pthread_t thread : asked) {
+        EXPECT_NE(pthread_equal(thread, worker), 0);
+    }
+}
+
 TEST(CTimerScheduling, NamesTheInheritedPolicy)
 {
     const struct {

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <type_traits>
@@ -369,6 +370,35 @@ TEST(CTimerMove, AssignmentEndsTheTimerThatItReplaces)
     EXPECT_TRUE(eventually([&] { return calls.count > 2; }));
 }
 
+TEST(CTimerMove, TheReplacedTimersLastCallbackHasItStill)
+{
+    Blocker blocker;
+    CTimer* self = nullptr;
+    std::atomic<bool> ran{true};
+    CTimer target(
+        [&](void*) {
+            blocker.callback()(nullptr);
+            ran = self->isRunning();
+            self->stop();
+        },
+        nullptr, "old", CTimer::NonCyclic);
+    self = &target;
+    CTimer source(ignore, nullptr, "new", CTimer::NonCyclic);
+    EXPECT_TRUE(source.start(kForever));
+    EXPECT_TRUE(target.start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    target.stop();
+    setTraceLevel("KIV.CTimer", 5);
+    std::thread release([&] {
+        EXPECT_TRUE(gcltest::waitForReport(gcltest::inFunction("wait_for_thread"), 20'000));
+        blocker.released = true;
+    });
+    target = std::move(source);
+    release.join();
+    EXPECT_FALSE(ran) << "the old timer was stopped";
+    EXPECT_TRUE(target.isRunning()) << "the new one was not";
+}
+
 TEST(CTimerMove, AssignmentToItselfDoesNothing)
 {
     Calls calls;
@@ -505,6 +535,71 @@ TEST(CTimerLife, WritesItsMessagesUnderItsLock)
     EXPECT_EQ(passedMeanwhile, 0);
     EXPECT_EQ(functions,
               (std::vector<std::string>{"start", "start", "stop", "stop", "wait_for_thread"}));
+}
+
+TEST(CTimerLife, WritesItsWorkersMessagesWithoutItsLock)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    CTimer* same = nullptr;
+    std::atomic<bool> built{false};
+    std::vector<std::thread> probes;
+    std::vector<std::string> functions;
+    const gcltest::BeginHook hook([&](const Report& report) {
+        if (!built || (report.function != "timer_callback_catch_exceptions" &&
+                       report.function != "timer_thread_function")) {
+            return;
+        }
+        const auto passed = std::make_shared<std::atomic<bool>>(false);
+        probes.emplace_back([same, passed] {
+            static_cast<void>(same->isRunning());
+            *passed = true;
+        });
+        EXPECT_TRUE(eventually([&] { return passed->load(); })) << report;
+        functions.push_back(report.function);
+    });
+    {
+        CTimer timer(
+            [calls = 0](void*) mutable {
+                if (++calls == 1) {
+                    throw std::runtime_error("x");
+                }
+                throw 1;
+            },
+            nullptr, "no lock", CTimer::NonCyclic);
+        // The worker has told that it has begun, and waits.
+        EXPECT_TRUE(gcltest::waitForReport(gcltest::inFunction("timer_thread_function"), 20'000));
+        same = &timer;
+        built = true;
+        for (int run = 0; run < 2; ++run) {
+            EXPECT_TRUE(timer.start(Milliseconds(0)));
+            EXPECT_TRUE(eventually([&] { return !timer.isRunning(); }));
+        }
+    }
+    for (std::thread& probe : probes) {
+        probe.join();
+    }
+    EXPECT_EQ(functions, (std::vector<std::string>{"timer_callback_catch_exceptions",
+                                                   "timer_callback_catch_exceptions",
+                                                   "timer_thread_function"}));
+}
+
+TEST(CTimerLife, NamesTheLineOfEachSite)
+{
+    setTraceLevel("KIV.CTimer", 5);
+    {
+        CTimer timer(ignore, nullptr, "lines", CTimer::NonCyclic);
+        EXPECT_TRUE(timer.start(kForever));
+        timer.stop();
+    }
+    const size_t messages = takeReports().size();
+    EXPECT_EQ(messages, 7u);
+    const std::vector<int> lines = gcltest::takenLines();
+    EXPECT_EQ(std::set<int>(lines.begin(), lines.end()).size(), messages);
+}
+
+TEST(CTimerLife, HasATraceObjectOfLevelThree)
+{
+    EXPECT_EQ(gcltest::traceLevel("KIV.CTimer"), 3);
 }
 
 TEST(CTimerLife, WritesAMessageInThreePieces)
@@ -677,6 +772,65 @@ TEST(CTimerLife, AStartBehindAStopWaitsForTheRunningCallback)
     blocker.released = true;
     starter.join();
     EXPECT_TRUE(timer.isRunning());
+}
+
+TEST(CTimerLife, AllStartsThatWaitForAStopSucceed)
+{
+    Blocker blocker;
+    CTimer timer(blocker.callback(), nullptr, "two", CTimer::NonCyclic);
+    EXPECT_TRUE(timer.start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    timer.stop();
+    SleepWatch watches[2];
+    std::atomic<int> succeeded{0};
+    const auto restart = [&](SleepWatch& watch) {
+        watch.announce();
+        succeeded += timer.start(kForever) ? 1 : 0;
+    };
+    std::thread first([&] { restart(watches[0]); });
+    std::thread second([&] { restart(watches[1]); });
+    EXPECT_TRUE(watches[0].eventuallyAsleep());
+    EXPECT_TRUE(watches[1].eventuallyAsleep());
+    blocker.released = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(succeeded, 2);
+    EXPECT_TRUE(timer.isRunning());
+}
+
+// A wait on a condition may end without a notification (pthread_cond_wait(3)).
+TEST(CTimerLife, LooksAgainAfterAWaitThatEndsByItself)
+{
+    std::atomic<int> endedByItself{0};
+    std::atomic<bool> quiet{false};
+    const Hook waits(
+        calls::pthread_cond_wait,
+        [&](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+            if (!quiet) {
+                quiet = ++endedByItself == 3;
+                return 0;
+            }
+            return calls::pthread_cond_wait.real(condition, mutex);
+        },
+        Threads::all);
+    Blocker blocker;
+    CTimer timer(blocker.callback(), nullptr, "again", CTimer::NonCyclic);
+    EXPECT_TRUE(eventually([&] { return quiet.load(); }));
+    pause(30);
+    EXPECT_FALSE(blocker.entered) << "it was never started";
+    EXPECT_TRUE(timer.start(Milliseconds(0)));
+    EXPECT_TRUE(eventually([&] { return blocker.entered.load(); }));
+    timer.stop();
+    endedByItself = 0;
+    quiet = false;
+    std::atomic<bool> restarted{false};
+    std::thread starter([&] { restarted = timer.start(kForever); });
+    EXPECT_TRUE(eventually([&] { return quiet.load(); }));
+    pause(30);
+    EXPECT_FALSE(restarted) << "the stop is not acknowledged yet";
+    blocker.released = true;
+    starter.join();
+    EXPECT_TRUE(restarted);
 }
 
 TEST(CTimerLife, StopInTheCallbackOfACyclicTimerIsItsLastCall)

@@ -477,6 +477,31 @@ TEST_F(HijackApiConnect, TellsWhyConnectFailedAndClosesTheSocket)
     });
 }
 
+TEST_F(HijackApiConnect, TellsEachStepInItsPlace)
+{
+    Server bound(false);
+    HijackApi api(trace, bound.port, kPatient, kTx, kRx);
+    const Hook sockets(calls::socket, [](int domain, int type, int protocol) {
+        EXPECT_EQ(takeReports(), Reports{kConnecting});
+        return calls::socket.real(domain, type, protocol);
+    });
+    const Hook closes(calls::close, [](int fd) {
+        EXPECT_EQ(takeReports(), Reports{}) << "the failure is told when the socket is gone";
+        return calls::close.real(fd);
+    });
+    const gcltest::BeginHook failures([&api, &closes, messages = 0](const Report&) mutable {
+        if (++messages % 2 == 0) {
+            EXPECT_EQ(closes.calls(), static_cast<unsigned>(messages) / 2);
+            EXPECT_EQ(api.socketFd, -1);
+        }
+    });
+    EXPECT_FALSE(api.connectToServer("localhost"));
+    EXPECT_EQ(takeReports().size(), 1u);
+    EXPECT_FALSE(api.connectToServer("127.0.0.1"));
+    EXPECT_EQ(takeReports().size(), 1u);
+    EXPECT_EQ(closes.calls(), 2u);
+}
+
 // Failures that look as if the call could be repeated. None is; a second attempt would succeed.
 TEST_F(HijackApiConnect, NeverRepeatsAConnectOrACloseThatFails)
 {
@@ -768,6 +793,18 @@ TEST_F(HijackApiSafeRead, MakesOneReadOfNothing)
     EXPECT_EQ(takeReports(), Reports{});
 }
 
+TEST_F(HijackApiSafeRead, RepeatsAReadOfNothingAsWell)
+{
+    for (const int error : {EINTR, EAGAIN}) {
+        expectMessages(error == EINTR ? Reports{} : Reports{kAgain}, [error](VorTrace& own) {
+            Linked link(own);
+            const Fault fault(calls::read, {-1, error});
+            EXPECT_EQ(link.api.safeRead(nullptr, 0), 0);
+            EXPECT_EQ(fault.calls(), 2u);
+        });
+    }
+}
+
 TEST_F(HijackApiSafeRead, RefusesWithoutASocket)
 {
     expectMessages({kReadNotOpen}, [](VorTrace& own) {
@@ -1043,6 +1080,20 @@ TEST_F(HijackApiRead, ReadsTheWordsMostSignificantByteFirst)
     EXPECT_EQ(buffer, payload);
     EXPECT_EQ(link.api.rxSequenceNumber, 0x81828383u);
     EXPECT_EQ(takeReports(), (Reports{announced("258"), kReadOk}));
+}
+
+TEST_F(HijackApiRead, StoresTheLengthBeforeItReadsThePayload)
+{
+    Linked link(trace);
+    link.send(frame(1, "hello"));
+    std::string buffer(8, '-');
+    unsigned length = kUntouched;
+    const Hook<ReadCall> hook(calls::read, [&](int fd, void* data, size_t count) -> ssize_t {
+        EXPECT_EQ(length, data == buffer.data() ? 5u : kUntouched);
+        return calls::read.real(fd, data, count);
+    });
+    EXPECT_TRUE(link.api.readFromNet(bytesOf(buffer), 8, &length));
+    EXPECT_EQ(hook.calls(), 7u);
 }
 
 TEST_F(HijackApiRead, AcceptsNoPlaceForTheLength)

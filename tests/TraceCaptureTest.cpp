@@ -91,8 +91,11 @@ TEST(TraceCaptureReports, TellsTextOutsideOfAMessage)
 TEST(TraceCaptureReset, ForgetsEverythingAndRestoresLevels)
 {
     const VorTrace trace("KIV.THREE", VorTraceLevel3);
+    EXPECT_EQ(gcltest::traceLevel("KIV.THREE"), 3);
+    EXPECT_EQ(gcltest::traceLevel("KIV.THIRD"), 0);
     gcltest::setTraceLevel("KIV.THREE", 7);
     EXPECT_EQ(trace.level(), 7);
+    EXPECT_EQ(gcltest::traceLevel("KIV.THREE"), 7);
     say("text");
     gcltest::resetRecorder();
     EXPECT_EQ(trace.level(), 3);

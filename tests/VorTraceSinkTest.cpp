@@ -783,6 +783,21 @@ TEST(VorTraceSinkFailingOutput, FileAtItsSizeLimit)
     EXPECT_EQ(contentOf(folder / "log").size(), 150u);
 }
 
+TEST(VorTraceSinkFailingOutput, OfComplaintsIsNoMatterOfTheMessages)
+{
+    const Folder folder;
+    const std::string before(4096 - 9, 'x');
+    std::ofstream(folder / "err") << before;
+    const Outcome outcome =
+        run("complaintAtTheLimit", {{"VT_LEVELS", "bad"}, {"VT_OUTPUT", folder / "log"}},
+            folder / "err");
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, "alive\n");
+    EXPECT_EQ(contentOf(folder / "err"), before + "VorTrace:");
+    EXPECT_EQ(restsOf(linesOf(contentOf(folder / "log"))),
+              (Lines{onChannel("one"), onChannel("two")}));
+}
+
 TEST(VorTraceSinkFailingOutput, PipeWithoutAReader)
 {
     expectAlive("brokenPipe");

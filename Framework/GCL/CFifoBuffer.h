@@ -72,10 +72,11 @@ typedef struct CFifoBuffer {
 // CFifoBuffer_Construct makes pThis an empty FIFO of uiCapacity elements of uiElementSize bytes
 // each and allocates its ring, which is not cleared. What the structure held before is forgotten,
 // not freed. The ring has uiCapacity * uiElementSize bytes, computed in 32 bits: a product of 2^32
-// or more wraps and makes a ring that is too small, which is not noticed. A capacity of 0 is
-// not supported (Put then waits for ever in eTaskingModeSemaphore and raises SIGFPE in
-// eTaskingModeMutex). It returns nothing; a failure is reported, and a FIFO that could not be
-// constructed answers later calls with GCL_FIFO_NOT_INITIALIZED:
+// or more wraps and makes a ring that is too small, which is not noticed. A capacity of 0 is not
+// supported: CFifoBuffer_Put and CFifoBuffer_Get then wait for ever in eTaskingModeSemaphore, and
+// raise SIGFPE in eTaskingModeMutex with fifoMutex locked; where that signal does not end the
+// process, they abort it (abort(3)). It returns nothing; a failure is reported, and a FIFO that
+// could not be constructed answers later calls with GCL_FIFO_NOT_INITIALIZED:
 //   GCL_FAILURE            pThis is NULL, or sem_init(3) failed for one of the semaphores of
 //                          eTaskingModeSemaphore, as it does for a uiCapacity above SEM_VALUE_MAX
 //                          (0x7FFFFFFF on Linux); the ring stays allocated until

@@ -14,7 +14,8 @@
 //
 // A table made with 0 buckets can be counted, listed and destructed; CHashTable_Get,
 // CHashTable_Exists, CHashTable_Set and CHashTable_Unset divide by zero on it and raise SIGFPE, on
-// processors too that do not trap such a division.
+// processors too that do not trap such a division. Where that signal does not end the process, they
+// abort it (abort(3)).
 //
 // The table allocates and frees its bucket array and its pairs, one array-form operator new[] for
 // each. Where an allocation fails, std::bad_alloc passes through the call, the table is as it was

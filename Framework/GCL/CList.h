@@ -118,7 +118,10 @@ GCL_API uint32_t CList_StartIterationFromHead(const CList* pThis, CListNode** pp
 // CList_InsertAfter inserts ulItem behind the node at pPosition. Constant time, one allocation.
 // pTail stays where it is even if pPosition is the last node: the new node is then found by
 // walking, but not by CList_GetTail, and the next CList_PushTail cuts it off the list (it leaks,
-// and uiSize keeps counting it).
+// and uiSize keeps counting it). Where nodes stand behind the one that pTail names, that one must
+// stay: CList_PopHead and CList_RemoveAt leave pTail naming the freed node, so that CList_PushTail,
+// CList_PopTail and CList_GetTail must not be used any more, and CList_Remove may leave it NULL,
+// after which CList_PushTail crashes.
 //   GCL_OK                inserted
 //   GCL_INVALID_ARGUMENT  pThis or pPosition is NULL (silent)
 GCL_API uint32_t CList_InsertAfter(CList* pThis, unsigned long ulItem, CListNode* pPosition);
@@ -136,9 +139,10 @@ GCL_API uint32_t CList_GetNext(const CList* pThis, unsigned long* pulItem, CList
 // time, one allocation. It never appends.
 // With index 0 the new node and the first node form a ring: each names the other as its next, the
 // first node stays first, and the nodes that followed it can no longer be reached from the list.
-// CList_Remove refuses such a list. CList_Destruct must not be used on it, and CList_PopTail,
-// CList_ItemExists, the searches, CList_PrintScalar and a walk of the caller's may never end, until
-// the caller has mended the links. Use CList_PushHead to insert at the front.
+// Until the caller has mended the links, CList_Remove refuses such a list; CList_Destruct,
+// CList_PopHead and CList_RemoveAt must not be used on it, since they free nodes that others still
+// name; and CList_PopTail, CList_ItemExists, the searches, CList_PrintScalar and a walk of the
+// caller's may never end. Use CList_PushHead to insert at the front.
 //   GCL_OK                   inserted
 //   GCL_INDEX_OUT_OF_RANGE   there is no node number uiIndex, or the list is empty (silent)
 GCL_API uint32_t CList_InsertAt(CList* pThis, uint32_t uiIndex, unsigned long ulItem);
@@ -149,8 +153,9 @@ GCL_API uint32_t CList_InsertAt(CList* pThis, uint32_t uiIndex, unsigned long ul
 GCL_API uint32_t CList_GetAt(const CList* pThis, uint32_t uiIndex, unsigned long* pulItem);
 
 // CList_RemoveAt removes node number uiIndex, counted from 0. Linear time. Unless the list becomes
-// empty, pTail stays where it is: once the last node has been removed by its index, pTail names a
-// freed node, and CList_PushTail, CList_PopTail and CList_GetTail must not be used on the list.
+// empty, pTail stays where it is: once the node that it names has been removed by its index, pTail
+// names a freed node, and CList_PushTail, CList_PopTail and CList_GetTail must not be used on the
+// list.
 //   GCL_OK                   removed
 //   GCL_INDEX_OUT_OF_RANGE   there is no node number uiIndex (silent)
 GCL_API uint32_t CList_RemoveAt(CList* pThis, uint32_t uiIndex);

@@ -21,7 +21,11 @@
 // select(2) and Linux's SIOCOUTQ.
 //
 // Signals: data is sent without MSG_NOSIGNAL, so a write to a connection that the peer has reset
-// raises SIGPIPE, which ends a process that neither ignores nor handles it.
+// raises SIGPIPE, which ends a process that neither ignores nor handles it. A call of the platform
+// that a signal interrupts (signal(7)) has failed and is not made again: getting connected, sending
+// and receiving then return what such a failure gives. Only a wait of Write or Read counts as ready
+// when it is interrupted: the send or receive follows at once, and may fail on a descriptor that is
+// not ready.
 #ifndef GCL_CTCPSOCKET_H
 #define GCL_CTCPSOCKET_H
 

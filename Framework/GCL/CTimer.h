@@ -20,8 +20,9 @@
 // any thread are safe that have returned before that callback does. After fork(2) the child has no
 // workers: it may call exec or _exit, but no timer. No operation may be called from a signal
 // handler. Destroy timers before the library is unloaded or the process ends. The worker of one
-// that is left over runs on, silently once the trace object is gone; the library stays mapped until
-// the timer is destroyed (dlopen(3)). What its callback needs must last as long.
+// that is left over runs on, silently once the trace object is gone; the library stays mapped for
+// it (dlopen(3)), and what its callback needs must last as long. Such a timer must not be destroyed
+// any more: its destructor would unmap the code that it returns to.
 //
 // Time: a one-shot timer keeps its moment on the monotonic clock, a cyclic one counts each period
 // from the moment when the wait begins, which is after the previous callback has returned: a cycle
@@ -33,14 +34,16 @@
 // blocked: handlers of the process may run on it, unless the timer is built with them blocked.
 //
 // Diagnostics: messages go to the trace object "KIV.CTimer" of level 3, each begun by the
-// function's name and the timer's name in double quotes: failures at level 1, warnings at level 2;
+// function's name and, but for that of a policy without a name, the timer's name in double quotes:
+// failures at level 1, warnings at level 2;
 // refused and needless calls at level 4 and the course of events at level 5 show once that object's
 // level is raised. "(traced N)" below says that the case writes a message of level N.
 //
 // Cancellation: destruction and assignment are not interrupted; a thread that is ended while it
 // builds a timer ends the worker first; start may be ended while it waits.
 //
-// It rests on pthread_create(3), pthread_cond_timedwait(3), prctl(2) (PR_SET_NAME) and dlopen(3).
+// It rests on pthread_create(3), pthread_cond_timedwait(3), pthread_setschedparam(3), prctl(2)
+// (PR_SET_NAME, PR_SET_TIMERSLACK) and dlopen(3).
 #ifndef GCL_CTIMER_H
 #define GCL_CTIMER_H
 
@@ -118,8 +121,9 @@ public:
     //   - when the timer is being destroyed (traced 2),
     //   - when it is running already (traced 4),
     //   - when it is a refused timer.
-    // The duration is stored even then: a running cyclic timer has a new period from its next wait
-    // on; a running one-shot timer keeps its moment unless its wait happens to be interrupted.
+    // The duration is stored even then, but for a refused timer: a running cyclic timer has a new
+    // period from its next wait on; a running one-shot timer keeps its moment unless its wait
+    // happens to be interrupted.
     bool start(std::chrono::milliseconds duration) override;
 
     // stop asks a running timer to stop and returns at once: a wait in progress ends without a

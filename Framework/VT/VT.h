@@ -18,7 +18,8 @@
 // dropped. A NULL name is written as "?", a missing header as "?:0 ?".
 //
 // Message. A thread has at most one open message; to open another one emits the first, and so does
-// the end of the thread. Text outside a message is dropped. A message of up to about 900 bytes
+// the end of the thread, unless the process had no thread-specific data key left
+// (pthread_key_create(3)). Text outside a message is dropped. A message of up to about 900 bytes
 // needs no memory but the thread's own; where memory for a longer one is refused, it is cut.
 //
 // Environment variables (ignored in a set-user-id process):
@@ -48,8 +49,8 @@
 //
 // All functions leave errno alone and are no cancellation points. A child process made by fork may
 // report, whatever other threads of its parent were doing; a message that was open at the fork is
-// the parent's alone. They may be called before main and
-// after exit has begun; only a message that the main thread has open when the process ends is lost.
+// the parent's alone. They may be called before main and after exit has begun; only a message that
+// a thread has open when the process ends is lost.
 #ifndef VT_VT_H
 #define VT_VT_H
 
@@ -76,7 +77,8 @@ typedef struct VorTraceHeader {
 VT_API int32_t VT_beginImpl(TraceChannel* channel, int32_t level, const VorTraceHeader* header);
 
 // VT_rawprintf appends text to the open message, formatted as printf (ISO C 7.21.6.1) formats.
-// A text that cannot be formatted is replaced by the format itself, as far as libVorTrace goes.
+// As far as libVorTrace goes, a text that cannot be formatted is replaced by the format itself, and
+// a NULL format by "?".
 // The result carries no meaning for reporters; libVorTrace returns 0.
 VT_API int32_t VT_rawprintf(TraceChannel* channel, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
@@ -86,7 +88,7 @@ VT_API int32_t VT_rawprintf(TraceChannel* channel, const char* format, ...)
 VT_API int32_t VT_endImpl(TraceChannel* channel);
 
 // VT_setLevel sets the level of the channel or VorTrace object called `name`, or, for the name "*",
-// of all that have no level of their own: messages above the level are dropped. It holds at once,
+// of all that no entry names: messages above the level are dropped. It holds at once,
 // also for VorTrace objects that exist already or are built later. This function is libVorTrace's
 // own; a platform's framework need not offer it. It takes precedence over VT_LEVELS. A NULL or
 // empty name is ignored, and so is a new name for which there is no memory. Any thread may call it.

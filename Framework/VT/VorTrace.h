@@ -59,7 +59,7 @@ public:
     // Each thread has a stream of its own, shared by all trace objects, and must not hand it to
     // another thread. It lasts as long as the thread. Formatting that the caller has set stays set.
     // A stream in a failed state takes neither text nor a flush: its message is emitted, as far as
-    // it goes, when the thread opens its next one, and beginLogMsg makes the stream good again.
+    // it goes, when the thread opens its next one, which also makes the stream good again.
     std::ostream& stream();
     // A stream of the calling thread that takes text and drops it; it lasts as long as the thread.
     std::ostream& discardStream();

@@ -781,6 +781,19 @@ void fileAtItsLimit()
     printf("alive\n");
 }
 
+// Standard error is at its limit but for 9 bytes, the output is another file.
+void complaintAtTheLimit()
+{
+    rlimit before = {};
+    CHECK(getrlimit(RLIMIT_FSIZE, &before) == 0);
+    const rlimit limit = {4096, before.rlim_max};
+    CHECK(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+    say("one");
+    say("two");
+    CHECK(setrlimit(RLIMIT_FSIZE, &before) == 0);
+    printf("alive\n");
+}
+
 // As brokenPipeKeepsAPendingSignal, with the signal of the file at its limit.
 void fileAtItsLimitKeepsAPendingSignal()
 {
@@ -1436,6 +1449,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"errnoIsKept", errnoIsKept},
         {"failedWriteKeepsAPendingSignal", failedWriteKeepsAPendingSignal},
         {"fileAtItsLimit", fileAtItsLimit},
+        {"complaintAtTheLimit", complaintAtTheLimit},
         {"fileAtItsLimitKeepsAPendingSignal", fileAtItsLimitKeepsAPendingSignal},
         {"fileCannotBeMoved", fileCannotBeMoved},
         {"fileIsClosedOnExec", fileIsClosedOnExec},

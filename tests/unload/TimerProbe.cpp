@@ -247,7 +247,7 @@ NO_TYPE_CHECK bool restartTimer(void* timer)
     return static_cast<ICTimer*>(timer)->start(std::chrono::milliseconds(1));
 }
 
-// Timers that stand still keep the library as well: they can be started, and destroyed.
+// Timers that stand still keep the library as well: they can be started.
 int unloadStopped()
 {
     startTimers(2);

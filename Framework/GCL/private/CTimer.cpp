@@ -766,7 +766,9 @@ CTimer::CTimer(CTimer&& other) noexcept : impl(std::exchange(other.impl, nullptr
 CTimer& CTimer::operator=(CTimer&& other) noexcept
 {
     if (this != &other) {
-        delete std::exchange(impl, std::exchange(other.impl, nullptr));
+        // The timer that ends is this object's until its last callback is over, which may call it.
+        delete impl;
+        impl = std::exchange(other.impl, nullptr);
     }
     return *this;
 }

@@ -87,9 +87,9 @@ void giveUp(int32_t& socketFd)
     socketFd = -1;
 }
 
-// read(2) for a length that may be negative, which as a count of bytes would exceed any buffer. The
-// answer is the kernel's to such a count, without asking: a 64-bit kernel would take the count of a
-// 32-bit process for a large positive one.
+// read(2) for a length that may be negative, which as a count of bytes would exceed any buffer. A
+// kernel of the process's own width refuses such a count; a 64-bit kernel would take that of a
+// 32-bit process for a large positive one and write behind the buffer, so it is not asked.
 ssize_t readUpTo(int32_t socketFd, unsigned char* buffer, int length)
 {
     if (length < 0) {
@@ -263,12 +263,14 @@ int HijackApi::safeRead(unsigned char* buffer, int length)
         return -1;
     }
     int got = 0;
-    // A length of 0 makes one read as well.
-    do {
+    while (true) {
         const ssize_t result = readUpTo(socketFd, buffer + got, length - got);
         if (result >= 0) {
             // By contract: the end of the stream, a result of 0, is not an error; the loop goes on.
             got += static_cast<int>(result);
+            if (got >= length) {
+                return got;
+            }
         } else if (errno == EAGAIN) {
             GCL_TRACE(VorTraceLevel4, "HijackApi::safeRead(), socket read() returned EAGAIN, read "
                                       "would be blocked");
@@ -278,8 +280,7 @@ int HijackApi::safeRead(unsigned char* buffer, int length)
                       ErrorText{errno});
             return -1;
         }
-    } while (got < length);
-    return got;
+    }
 }
 
 bool HijackApi::safeReadSyncId()

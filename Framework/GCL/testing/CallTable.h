@@ -139,6 +139,8 @@ typedef time_t Time64;
       -1, EAGAIN)                                                                                  \
     F(clock_gettime, clock_gettime, int, (clockid_t clock, timespec * time), (clock, time),        \
       byErrno, -1, EINVAL)                                                                         \
+    F(pthread_cond_wait, pthread_cond_wait, int,                                                   \
+      (pthread_cond_t * condition, pthread_mutex_t * mutex), (condition, mutex), never, 0, 0)      \
     F(pthread_cond_timedwait, pthread_cond_timedwait, int,                                         \
       (pthread_cond_t * condition, pthread_mutex_t * mutex, const timespec* time),                 \
       (condition, mutex, time), byResult, 0, ETIMEDOUT)                                            \

@@ -86,6 +86,10 @@ Report gclReport(const std::string& module, const std::string& function, const s
 // Sets the level of the VorTrace objects called `name`, those that exist and those to come.
 void setTraceLevel(const std::string& name, int level);
 
+// The level of the VorTrace objects called `name`: what setTraceLevel has set, else what they were
+// built with. 0 where there is neither.
+int traceLevel(const std::string& name);
+
 // Builds VorTrace objects without an implementation from now on, or with one again.
 void buildTracesWithoutImpl(bool without);
 

@@ -25,16 +25,24 @@ constexpr int64_t kPatienceMs = 100;
 constexpr mode_t kFileMode = 0666;
 constexpr int kToSyslog = -1;
 
-// STDERR_FILENO, STDOUT_FILENO, a file of the sink's own, or kToSyslog.
-int outputDescriptor = STDERR_FILENO;
+// Where lines go.
+struct Stream {
+    int descriptor;
+    bool lineUnfinished; // the last line written lacks its end
+    bool readerStalled;  // the last line was given up after kPatienceMs
+};
+
+// Standard error has the complaints, and the messages where nothing else is chosen for them.
+Stream standardError = {STDERR_FILENO, false, false};
+// STDOUT_FILENO, a file of the sink's own, or kToSyslog.
+Stream chosenStream = {kToSyslog, false, false};
+Stream* output = &standardError;
 pthread_once_t outputChosen = PTHREAD_ONCE_INIT;
 pthread_once_t forkPrepared = PTHREAD_ONCE_INIT;
 
-// Lets one line at a time pass, and guards the two flags. A child process gets a new one (see
+// Lets one line at a time pass, and guards the streams' flags. A child process gets a new one (see
 // onForkInChild), which costs it nothing but the order of two lines.
 pthread_mutex_t outputMutex = PTHREAD_MUTEX_INITIALIZER;
-bool lineUnfinished = false; // the last line written lacks its end
-bool readerStalled = false;  // the last line was given up after kPatienceMs
 
 class OutputLock {
 public:
@@ -119,24 +127,24 @@ bool waitWritable(int descriptor, int64_t untilMs)
 }
 
 // Writes all of it, as one write where the descriptor plays along; returns what was not written.
-size_t writeAll(int descriptor, const char* data, size_t size)
+size_t writeAll(Stream& stream, const char* data, size_t size)
 {
     NoWriteSignals noSignals;
     int64_t untilMs = -1;
     while (size > 0) {
-        const ssize_t written = write(descriptor, data, size);
+        const ssize_t written = write(stream.descriptor, data, size);
         if (written > 0) {
-            readerStalled = false;
+            stream.readerStalled = false;
             data += written;
             size -= static_cast<size_t>(written);
         } else if (written < 0 && errno == EAGAIN) {
             // A reader that has not kept up once is not waited for until it reads again.
-            if (readerStalled) {
+            if (stream.readerStalled) {
                 break;
             }
             untilMs = untilMs < 0 ? vt::monotonicMs() + kPatienceMs : untilMs;
-            if (!waitWritable(descriptor, untilMs)) {
-                readerStalled = true;
+            if (!waitWritable(stream.descriptor, untilMs)) {
+                stream.readerStalled = true;
                 break;
             }
         } else if (written == 0 || errno != EINTR) { // an interrupted write is tried again
@@ -158,17 +166,17 @@ void prepareFork()
     static_cast<void>(pthread_atfork(nullptr, nullptr, onForkInChild));
 }
 
-void writeLine(int descriptor, const char* line, size_t size)
+void writeLine(Stream& stream, const char* line, size_t size)
 {
     static_cast<void>(pthread_once(&forkPrepared, prepareFork));
     const OutputLock lock;
-    const size_t skipped = lineUnfinished ? 0 : 1;
+    const size_t skipped = stream.lineUnfinished ? 0 : 1;
     const size_t wanted = size - skipped;
-    const size_t left = writeAll(descriptor, line + skipped, wanted);
+    const size_t left = writeAll(stream, line + skipped, wanted);
     if (left < wanted) {
         // A lone newline in front has only finished the line before.
-        const bool onlyNewline = lineUnfinished && left == size - 1;
-        lineUnfinished = left > 0 && !onlyNewline;
+        const bool onlyNewline = stream.lineUnfinished && left == size - 1;
+        stream.lineUnfinished = left > 0 && !onlyNewline;
     }
 }
 
@@ -210,10 +218,8 @@ void chooseOutput()
         return; // as it is from the beginning
     }
     if (std::strcmp(variable, "stdout") == 0) {
-        outputDescriptor = STDOUT_FILENO;
-    } else if (std::strcmp(variable, "syslog") == 0) {
-        outputDescriptor = kToSyslog;
-    } else {
+        chosenStream.descriptor = STDOUT_FILENO;
+    } else if (std::strcmp(variable, "syslog") != 0) {
         const int file = openFile(variable);
         if (file == -1) {
             vt::complain(
@@ -221,8 +227,9 @@ void chooseOutput()
                 variable, errno);
             return;
         }
-        outputDescriptor = file;
+        chosenStream.descriptor = file;
     }
+    output = &chosenStream;
 }
 
 } // namespace
@@ -233,11 +240,11 @@ void emitLine(char* line, size_t size, int32_t level)
 {
     const NoCancellation noCancellation;
     static_cast<void>(pthread_once(&outputChosen, chooseOutput));
-    if (outputDescriptor == kToSyslog) {
+    if (output->descriptor == kToSyslog) {
         line[size - 1] = '\0';
         syslog(syslogPriority(level), "%s", line + 1);
     } else {
-        writeLine(outputDescriptor, line, size);
+        writeLine(*output, line, size);
     }
 }
 
@@ -259,7 +266,7 @@ void complain(const char* format, ...)
     size_t length = std::strlen(line);
     std::replace(line + kWhoLength, line + length, '\n', ' ');
     line[length++] = '\n';
-    writeLine(STDERR_FILENO, line, length);
+    writeLine(standardError, line, length);
 }
 
 } // namespace vt

@@ -436,6 +436,13 @@ void setTraceLevel(const std::string& name, int level)
     locked->levels[name] = level;
 }
 
+int traceLevel(const std::string& name)
+{
+    const Locked locked;
+    const auto entry = locked->levels.find(name);
+    return entry == locked->levels.end() ? 0 : entry->second.load();
+}
+
 void buildTracesWithoutImpl(bool without)
 {
     withoutImpl = without;
