@@ -296,6 +296,12 @@ TEST(VorTraceSinkLine, CarriesTheTimeToTheMicrosecondInEveryCentury)
                             "2026-11-21T01:20:33.123456Z"}));
 }
 
+TEST(VorTraceSinkLine, CarriesTheDateOfEachMonthsEnds)
+{
+    const Outcome outcome = run("calendar");
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+}
+
 TEST(VorTraceSinkLine, FunctionsReturnZero)
 {
     EXPECT_EQ(restsOf("results"), Lines{onChannel("x1")});

@@ -1388,6 +1388,38 @@ void timeStamp()
     }
 }
 
+// The first and the last day of every month, found by counting days.
+void calendar()
+{
+    long long day = 0;
+    std::string expected;
+    std::string written;
+    for (int year = 1970; year <= 2262; ++year) {
+        const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+        const int lengths[] = {31, leap ? 29 : 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+        for (int month = 1; month <= 12; ++month) {
+            for (const int date : {1, lengths[month - 1]}) {
+                const long long seconds = (day + date - 1) * 86400 + (date == 1 ? 0 : 86399);
+                const Hook clock(calls::clock_gettime64,
+                                 [seconds](clockid_t, gcltest::Timespec64* time) {
+                                     time->tv_sec = static_cast<decltype(time->tv_sec)>(seconds);
+                                     time->tv_nsec = 0;
+                                     return 0;
+                                 });
+                ScriptedWrite script({});
+                say("day");
+                written += script.text.substr(0, 20) + "\n";
+                char text[40];
+                std::snprintf(text, sizeof text, "%04d-%02d-%02dT%s.\n", year, month, date,
+                              date == 1 ? "00:00:00" : "23:59:59");
+                expected += text;
+            }
+            day += lengths[month - 1];
+        }
+    }
+    CHECK(written == expected);
+}
+
 void manyKeys()
 {
     // No thread keys left: the sink works, only its clean-up does not come.
@@ -1494,6 +1526,7 @@ const std::map<std::string, void (*)()>& scenarios()
         {"threadEndIsAskedForOnce", threadEndIsAskedForOnce},
         {"tidOfThread", tidOfThread},
         {"timeStamp", timeStamp},
+        {"calendar", calendar},
         {"toSyslog", toSyslog},
         {"unformattable", unformattable},
         {"unformattableAnew", unformattableAnew},

@@ -103,7 +103,7 @@ ALLOCATIONS = ("newScalar", "newArray", "malloc", "calloc", "realloc")
 # The table's names of functions that the libraries import by other names.
 IMPORTED_AS = {
     "_Znwm": "newScalar", "_Znwj": "newScalar", "_Znam": "newArray", "_Znaj": "newArray",
-    "_ZdaPv": "deleteArray", "__register_atfork": "register_atfork", "__gmtime64_r": "gmtime_r",
+    "_ZdaPv": "deleteArray", "__register_atfork": "register_atfork",
     "_IO_putc": "putc",
     "open64": "open", "__open_2": "open", "fcntl64": "fcntl",
 }
