@@ -7,7 +7,7 @@ namespace {
 static_assert(sizeof(time_t) == 8, "this file needs a 64-bit time_t: _TIME_BITS=64");
 
 // Writes a number in so many digits, and what follows it; the place behind both.
-char* put(char* to, long number, int digits, char next)
+char* put(char* to, uint32_t number, int digits, char next)
 {
     for (int i = digits - 1; i >= 0; --i) {
         to[i] = static_cast<char>('0' + number % 10);
@@ -17,37 +17,32 @@ char* put(char* to, long number, int digits, char next)
     return to + digits + 1;
 }
 
-struct Date {
-    long year;
-    long month; // 1 to 12
-    long day;   // 1 to 31
-};
-
-// The date of a day, counted from 1970-01-01, which the clock cannot be set before; it ends in the
-// year 2262.
-Date dateOfDay(long day)
+// Writes the date of a day, counted from 1970-01-01, which the clock cannot be set before; it ends
+// in the year 2262. The place behind what is written.
+char* putDate(char* to, uint32_t day)
 {
-    constexpr long kDaysOfFourYears = 4 * 365 + 1;
+    constexpr uint32_t kDaysOfFourYears = 4 * 365 + 1;
     // 1 March of the years that have no leap day although they are multiples of four.
-    constexpr long kMarch2100 = 47'541;
-    constexpr long kMarch2200 = 84'065;
+    constexpr uint32_t kMarch2100 = 47'541;
+    constexpr uint32_t kMarch2200 = 84'065;
     // Counted from 1 March 1968, with a leap day at the end of every fourth year.
     day += 671 + (day >= kMarch2100 ? 1 : 0) + (day >= kMarch2200 ? 1 : 0);
-    long year = 1968 + day / kDaysOfFourYears * 4;
+    uint32_t year = 1968 + day / kDaysOfFourYears * 4;
     day %= kDaysOfFourYears;
-    const long yearOfFour = day == kDaysOfFourYears - 1 ? 3 : day / 365;
+    const uint32_t yearOfFour = day == kDaysOfFourYears - 1 ? 3 : day / 365;
     year += yearOfFour;
     day -= yearOfFour * 365;
-    // From March on the months have 31, 30, 31, 30 and 31 days, over and over. January is the 13th.
-    long month = 3;
-    for (; day >= 153; day -= 153) {
-        month += 5;
+    // The months from March on begin with the days 0, 31, 61, 92, 122, 153 and so on.
+    uint32_t month = (5 * day + 2) / 153;
+    day -= (153 * month + 2) / 5;
+    month += 3;
+    if (month > 12) {
+        month -= 12;
+        ++year;
     }
-    for (long length = 31; day >= length; length = 61 - length) {
-        day -= length;
-        ++month;
-    }
-    return month <= 12 ? Date{year, month, day + 1} : Date{year + 1, month - 12, day + 1};
+    to = put(to, year, 4, '-');
+    to = put(to, month, 2, '-');
+    return put(to, day + 1, 2, 'T');
 }
 
 } // namespace
@@ -61,16 +56,14 @@ size_t formatTimeStamp(char (&text)[kTimeStampSize])
     timespec now{};
     // It cannot fail: the clock exists and the address is valid.
     static_cast<void>(clock_gettime(CLOCK_REALTIME, &now));
-    constexpr long kSecondsOfDay = 24 * 60 * 60;
-    const Date date = dateOfDay(static_cast<long>(now.tv_sec / kSecondsOfDay));
-    const auto second = static_cast<long>(now.tv_sec % kSecondsOfDay);
-    char* to = put(text, date.year, 4, '-');
-    to = put(to, date.month, 2, '-');
-    to = put(to, date.day, 2, 'T');
+    // A day has 675 times 128 seconds: that leaves a division of 32 bits.
+    const uint32_t day = static_cast<uint32_t>(now.tv_sec / 128) / 675;
+    const auto second = static_cast<uint32_t>(now.tv_sec - int64_t{day} * 86'400);
+    char* to = putDate(text, day);
     to = put(to, second / 3600, 2, ':');
     to = put(to, second / 60 % 60, 2, ':');
     to = put(to, second % 60, 2, '.');
-    to = put(to, static_cast<long>(now.tv_nsec / 1000), 6, 'Z');
+    to = put(to, static_cast<uint32_t>(now.tv_nsec / 1000), 6, 'Z');
     return static_cast<size_t>(to - text);
 }
 
