@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -821,6 +822,24 @@ TEST(VorTraceSinkFailingOutput, IsWaitedForATenthOfASecond)
 {
     const Outcome outcome = run("patienceWithAFullPipe");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+}
+
+TEST(VorTraceSinkFailingOutput, IsWaitedForAlsoWhereAPipeIsChosen)
+{
+    const Folder folder;
+    const std::string path = folder / "pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int pipe = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(pipe, 0);
+    const std::string filling(4096, 'x');
+    while (write(pipe, filling.data(), filling.size()) > 0) {
+    }
+    const auto before = std::chrono::steady_clock::now();
+    const Outcome outcome = run("oneMessage", {{"VT_OUTPUT", path}});
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(100));
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.err, "");
+    close(pipe);
 }
 
 TEST(VorTraceSinkFailingOutput, FullPipeInNonBlockingMode)

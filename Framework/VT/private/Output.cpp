@@ -28,14 +28,14 @@ constexpr int kToSyslog = -1;
 // Where lines go.
 struct Stream {
     int descriptor;
-    bool lineUnfinished; // the last line written lacks its end
-    bool readerStalled;  // the last line was given up after kPatienceMs
+    bool lineUnfinished = false; // the last line written lacks its end
+    bool readerStalled = false;  // the last line was given up after kPatienceMs
 };
 
 // Standard error has the complaints, and the messages where nothing else is chosen for them.
-Stream standardError = {STDERR_FILENO, false, false};
+Stream standardError = {STDERR_FILENO};
 // STDOUT_FILENO, a file of the sink's own, or kToSyslog.
-Stream chosenStream = {kToSyslog, false, false};
+Stream chosenStream = {kToSyslog};
 Stream* output = &standardError;
 pthread_once_t outputChosen = PTHREAD_ONCE_INIT;
 pthread_once_t forkPrepared = PTHREAD_ONCE_INIT;
