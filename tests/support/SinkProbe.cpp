@@ -1399,7 +1399,7 @@ void calendar()
         const int lengths[] = {31, leap ? 29 : 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
         for (int month = 1; month <= 12; ++month) {
             for (const int date : {1, lengths[month - 1]}) {
-                const long long seconds = (day + date - 1) * 86400 + (date == 1 ? 0 : 86399);
+                const long long seconds = (day + date - 1) * 86400 + (date == 1 ? 3600 : 86399);
                 const Hook clock(calls::clock_gettime64,
                                  [seconds](clockid_t, gcltest::Timespec64* time) {
                                      time->tv_sec = static_cast<decltype(time->tv_sec)>(seconds);
@@ -1411,7 +1411,7 @@ void calendar()
                 written += script.text.substr(0, 20) + "\n";
                 char text[40];
                 std::snprintf(text, sizeof text, "%04d-%02d-%02dT%s.\n", year, month, date,
-                              date == 1 ? "00:00:00" : "23:59:59");
+                              date == 1 ? "01:00:00" : "23:59:59");
                 expected += text;
             }
             day += lengths[month - 1];
