@@ -18,6 +18,6 @@ locking=$(printf '%s\n' "$imports" | grep -E \
     '^(_*(gmtime|localtime|mktime|timegm|timelocal|strftime|ctime|asctime|tzset)|setlocale|setenv|unsetenv|putenv|rand|random|srand|getaddrinfo|getpw|dlopen|dlsym|_*v?f?printf|f?put[cs]|fwrite|fopen|fflush)' ||
     true)
 if [ -n "$locking" ]; then
-    echo "$library imports, of what locks:" $locking
+    echo "$library imports, of what locks: $(echo "$locking" | tr "\n" " ")"
     exit 1
 fi
