@@ -21,8 +21,9 @@
 // workers: it may call exec or _exit, but no timer. No operation may be called from a signal
 // handler. Destroy timers before the library is unloaded or the process ends. The worker of one
 // that is left over runs on, silently once the trace object is gone; the library stays mapped for
-// it (dlopen(3)), and what its callback needs must last as long. Such a timer must not be destroyed
-// any more: its destructor would unmap the code that it returns to.
+// it (dlopen(3)), and what its callback needs must last as long. Once nobody else keeps the
+// library, it must not be destroyed any more: its destructor would unmap the code that it returns
+// to.
 //
 // Time: a one-shot timer keeps its moment on the monotonic clock, a cyclic one counts each period
 // from the moment when the wait begins, which is after the previous callback has returned: a cycle
@@ -35,9 +36,9 @@
 //
 // Diagnostics: messages go to the trace object "KIV.CTimer" of level 3, each begun by the
 // function's name and, but for that of a policy without a name, the timer's name in double quotes:
-// failures at level 1, warnings at level 2;
-// refused and needless calls at level 4 and the course of events at level 5 show once that object's
-// level is raised. "(traced N)" below says that the case writes a message of level N.
+// failures at level 1, warnings at level 2; refused and needless calls at level 4 and the course of
+// events at level 5 show once that object's level is raised. "(traced N)" below says that the case
+// writes a message of level N.
 //
 // Cancellation: destruction and assignment are not interrupted; a thread that is ended while it
 // builds a timer ends the worker first; start may be ended while it waits.

@@ -49,9 +49,9 @@
 //
 // All functions leave errno alone and are no cancellation points. A child process made by fork may
 // report, whatever other threads of its parent were doing, but for one case: where lines go to
-// syslog(3), none may have been in that call. A message that was open at the fork is
-// the parent's alone. They may be called before main and after exit has begun; only a message that
-// a thread has open when the process ends is lost.
+// syslog(3), none may have been in that call. A message that was open at the fork is the parent's
+// alone. They may be called before main and after exit has begun; only a message that a thread has
+// open when the process ends is lost.
 #ifndef VT_VT_H
 #define VT_VT_H
 
